@@ -1,0 +1,114 @@
+// Trace points of the library: the two runtime tables built from the same lists that
+// bixgen turns into the trace sections, and the emit helpers the core calls.
+#include <array>
+#include <cstdlib>
+#include <iterator>
+
+#include "bix/core.h"
+#include "lumo.h"
+
+BIX_EXPORT uint16_t g_wex_bix_ipc_shim_trace_module_id = 0;
+// Never registered or used; kept for binary compatibility with the stub table's users.
+BIX_EXPORT uint16_t g_wex_bix_ipc_shim_stub_trace_module_id = 0;
+
+namespace bix {
+namespace {
+
+#define FATAL LUMO_LEVEL_FATAL
+#define ERROR LUMO_LEVEL_ERROR
+#define INFO LUMO_LEVEL_INFO
+#define DEBUG LUMO_LEVEL_DEBUG
+
+#define BIX_TRACE_TABLE(name, luid)
+#define BIX_TRACE(id, level, text) text,
+const char *const kMainFormats[] = {
+#include "trace_main.def"
+};
+const char *const kStubFormats[] = {
+#include "trace_stub.def"
+};
+#undef BIX_TRACE
+#define BIX_TRACE(id, level, text) level,
+const uint32_t kMainLevels[] = {
+#include "trace_main.def"
+};
+const uint32_t kStubLevels[] = {
+#include "trace_stub.def"
+};
+#undef BIX_TRACE
+#undef BIX_TRACE_TABLE
+#define BIX_TRACE(id, level, text)
+#define BIX_TRACE_TABLE(name, luid) luid
+constexpr char kMainLuid[] =
+#include "trace_main.def"
+    ;
+constexpr char kStubLuid[] =
+#include "trace_stub.def"
+    ;
+#undef BIX_TRACE
+#undef BIX_TRACE_TABLE
+#undef FATAL
+#undef ERROR
+#undef INFO
+#undef DEBUG
+
+constexpr uint8_t hex_nibble(char c) {
+  return static_cast<uint8_t>(c <= '9' ? c - '0' : c - 'a' + 10);
+}
+template <size_t N>
+constexpr lumo_trace_table make_table(const char *luid, const char *const (&formats)[N]) {
+  static_assert(N > 0);
+  lumo_trace_table t{};
+  for (int i = 0; i < 16; ++i)
+    t.luid[i] = static_cast<uint8_t>(hex_nibble(luid[2 * i]) << 4 | hex_nibble(luid[2 * i + 1]));
+  t.count = N;
+  t.formats = formats;
+  return t;
+}
+static_assert(sizeof(kMainLuid) == 33 && sizeof(kStubLuid) == 33, "table LUIDs are 32 hex digits");
+
+const lumo_trace_table kMainTable = make_table(kMainLuid, kMainFormats);
+const lumo_trace_table kStubTable = make_table(kStubLuid, kStubFormats);
+
+// Registration state handed to the trace facility: zero at load.
+uint32_t g_trace_reg_state = 0;
+
+uint16_t module_id() { return g_wex_bix_ipc_shim_trace_module_id; }
+uint32_t idx(Tm id) { return static_cast<uint32_t>(id); }
+uint32_t idx(Ts id) { return static_cast<uint32_t>(id); }
+
+}  // namespace
+
+void trace(Tm id) { lumo_emit(&kMainTable, idx(id), module_id(), kMainLevels[idx(id)]); }
+void trace(Tm id, const char *a) {
+  lumo_emit_s1(&kMainTable, idx(id), module_id(), kMainLevels[idx(id)], a);
+}
+void trace(Tm id, const char *a, const char *b) {
+  lumo_emit_s2(&kMainTable, idx(id), module_id(), kMainLevels[idx(id)], a, b);
+}
+void trace_u(Tm id, uint32_t a, uint32_t b) {
+  lumo_emit_i2(&kMainTable, idx(id), module_id(), kMainLevels[idx(id)], a, b);
+}
+void trace(Ts id, const char *a) {
+  lumo_emit_s1(&kStubTable, idx(id), module_id(), kStubLevels[idx(id)], a);
+}
+void trace(Ts id, const char *a, const char *b) {
+  lumo_emit_s2(&kStubTable, idx(id), module_id(), kStubLevels[idx(id)], a, b);
+}
+void trace(Ts id, const char *a, const char *b, const char *c) {
+  lumo_emit_s3(&kStubTable, idx(id), module_id(), kStubLevels[idx(id)], a, b, c);
+}
+
+void fatal(Tm id) {
+  trace(id);
+  std::abort();
+}
+
+int ensure_trace_module() {
+  return lumo_module_init_fn("wex_bix_ipc_shim", &g_wex_bix_ipc_shim_trace_module_id,
+                             &g_trace_reg_state);
+}
+
+}  // namespace bix
+
+BIX_EXPORT int wex_bix_ipc_shim_trace_init(void) { return bix::ensure_trace_module(); }

@@ -1,0 +1,15 @@
+#pragma once
+#include <string>
+#include <vector>
+
+#include "model.h"
+
+namespace bixgen {
+bool write_if_changed(const std::string &path, const std::string &text);
+std::string emit_public_header(const Schema &s);
+std::string emit_internal_header(const Schema &s);
+std::string emit_tables(const Schema &s);
+std::string emit_unit(const Schema &s, const Type &t);
+std::string manifest_text(const Schema &s);
+bool emit_sections(const Schema &s, const std::vector<TraceTable> &tables, std::string &out);
+}  // namespace bixgen
