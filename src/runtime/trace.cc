@@ -7,9 +7,11 @@
 #include "bix/core.h"
 #include "lumo.h"
 
-BIX_EXPORT uint16_t g_wex_bix_ipc_shim_trace_module_id = 0;
+BIX_EXPORT uint16_t g_wex_bix_ipc_shim_trace_module_id;
+uint16_t g_wex_bix_ipc_shim_trace_module_id = 0;
 // Never registered or used; kept for binary compatibility with the stub table's users.
-BIX_EXPORT uint16_t g_wex_bix_ipc_shim_stub_trace_module_id = 0;
+BIX_EXPORT uint16_t g_wex_bix_ipc_shim_stub_trace_module_id;
+uint16_t g_wex_bix_ipc_shim_stub_trace_module_id = 0;
 
 namespace bix {
 namespace {
