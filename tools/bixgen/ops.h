@@ -1,6 +1,7 @@
-// The exported operation families, one list per kind of type. Each entry yields a
-// prototype in the public header and a one-line forwarding function in the type's unit.
-// `$T` is the type name, `$D` its descriptor.
+// The exported operation families. Each entry yields a prototype in the public header
+// and a one-line forwarding function in the type's unit. Placeholders in ret, params
+// and body: $T type name, $D its descriptor; in field operations also $F field name,
+// $FD the field's descriptor, $E the field's C value type.
 #pragma once
 
 #include <vector>
@@ -9,16 +10,34 @@
 
 namespace bixgen {
 
+enum : unsigned { kOnRecord = 1, kOnEnum = 2, kOnFlags = 4, kOnLeaf = kOnEnum | kOnFlags, kOnAll = 7 };
+
 struct OpSpec {
+  unsigned kinds;  // which kinds of type get it
   const char *suffix;
   const char *ret;
-  const char *params;  // with names
-  const char *body;    // statement forwarding to the core
+  const char *params;
+  const char *body;
   const char *doc;
 };
 
-const std::vector<OpSpec> &record_ops();
-const std::vector<OpSpec> &enum_ops();
-const std::vector<OpSpec> &flags_ops();
+// Field operations: generated for every field whose kind is in `field_kinds`.
+inline constexpr unsigned field_bit(FieldKind k) { return 1u << static_cast<unsigned>(k); }
+struct FieldOpSpec {
+  unsigned field_kinds;
+  const char *suffix;
+  const char *ret;
+  const char *params;
+  const char *body;
+  const char *doc;
+};
+
+// One function per family, each in its own file; ops.cc concatenates them in order.
+std::vector<OpSpec> lifecycle_ops();
+std::vector<OpSpec> value_ops();
+std::vector<FieldOpSpec> field_ops();
+
+const std::vector<OpSpec> &type_ops();
+const std::vector<FieldOpSpec> &all_field_ops();
 
 }  // namespace bixgen

@@ -88,3 +88,8 @@ void record_offset_update(const TypeDesc &d, wex_handle *h, uint32_t ws, void *i
 uint32_t enum_to_internal(const TypeDesc &d, uint32_t user);
 
 }  // namespace bix
+
+// Further families, one header each.
+#include "bix/access.h"
+#include "bix/values.h"
+#include "bix/wire.h"
