@@ -353,6 +353,13 @@ int32_t literals_known_at(const TypeDesc &d, int w) {
 }
 }  // namespace
 
+bool enum_refuses(const TypeDesc &d, uint32_t user_value, int8_t variant) {
+  uint32_t internal = enum_to_internal(d, user_value);
+  for (int w = 0; w <= d.latest_variant; ++w)
+    if (internal >= static_cast<uint32_t>(literals_known_at(d, w)) && variant <= w) return true;
+  return false;
+}
+
 uint32_t enum_is_valid_cr(const TypeDesc &d, wex_handle *h, uint32_t value) {
   int32_t internal = static_cast<int32_t>(enum_to_internal(d, value));
   int8_t v = wex_domain_lookup_variant(h, &h->domain, d.tinfo, &h->error);
