@@ -44,6 +44,11 @@ void bump_counter(const wex_type_info *t, uint64_t *counter) {
     __atomic_fetch_add(counter, 1, __ATOMIC_SEQ_CST);
 }
 
+uint8_t *sttr_area(wex_handle *h, uint32_t ws, const TypeDesc &d, void *inst) {
+  uint8_t *b = bytes(inst);
+  return (b[kHdrFlags] & kFlagSttrOffset) ? b + wexlib_get_sttr_offset(h, ws, inst) : b + d.fixed_size;
+}
+
 int8_t variant_cap(const TypeDesc &d, int8_t v) { return v > d.latest_variant ? d.latest_variant : v; }
 
 uint32_t instance_sizeof(const TypeDesc &d, wex_handle *h) {
@@ -152,8 +157,7 @@ void release_var_array(wex_handle *h, uint32_t ws, const TypeDesc &d, void *inst
     std::memset(b + f.offset, 0, 8);
   }
   if (!(b[kHdrFlags] & kFlagTracked)) return;
-  uint8_t *area = (b[kHdrFlags] & kFlagSttrOffset) ? b + wexlib_get_sttr_offset(h, ws, inst)
-                                                   : b + d.fixed_size;
+  uint8_t *area = sttr_area(h, ws, d, inst);
   void *states = nullptr;
   std::memcpy(&states, area + f.sttr_ptr, sizeof states);
   if (states) {

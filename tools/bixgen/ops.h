@@ -33,9 +33,11 @@ struct FieldOpSpec {
 };
 
 // One function per family, each in its own file; ops.cc concatenates them in order.
-std::vector<OpSpec> lifecycle_ops();
-std::vector<OpSpec> value_ops();
-std::vector<FieldOpSpec> field_ops();
+std::vector<OpSpec> lifecycle_ops();  // ops_lifecycle.cc
+std::vector<OpSpec> value_ops();      // ops_values.cc: enumerations and flag sets
+std::vector<OpSpec> access_ops();     // ops_fields.cc: whole-record get/set
+std::vector<FieldOpSpec> field_ops(); // ops_fields.cc: per-field accessors
+std::vector<OpSpec> wire_ops();       // ops_wire.cc: len/marshal/unmarshal
 
 const std::vector<OpSpec> &type_ops();
 const std::vector<FieldOpSpec> &all_field_ops();

@@ -3,6 +3,8 @@
 
 namespace bixgen {
 
+std::vector<OpSpec> access_ops() { return {}; }
+
 std::vector<FieldOpSpec> field_ops() { return {}; }
 
 }  // namespace bixgen
