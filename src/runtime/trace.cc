@@ -91,6 +91,9 @@ void trace(Tm id, const char *a, const char *b) {
 void trace_u(Tm id, uint32_t a, uint32_t b) {
   lumo_emit_i2(&kMainTable, idx(id), module_id(), kMainLevels[idx(id)], a, b);
 }
+void trace_u(Tm id, uint32_t a, uint32_t b, uint32_t c) {
+  lumo_emit_i3(&kMainTable, idx(id), module_id(), kMainLevels[idx(id)], a, b, c);
+}
 void trace(Ts id, const char *a) {
   lumo_emit_s1(&kStubTable, idx(id), module_id(), kStubLevels[idx(id)], a);
 }

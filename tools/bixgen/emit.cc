@@ -289,11 +289,11 @@ std::string emit_tables(const Schema &s) {
       o << (v ? ", " : "") << "{" << v << ", " << t.used << ", " << t.slop << ", 0, 0, 0, 0}";
     o << "};\n";
     std::string sym = "bix_tib_" + t.name;
-    o << "extern \"C\" __attribute__((visibility(\"hidden\"), used, aligned(16))) TypeInfoBlock " << sym
+    o << "extern \"C\" {\n__attribute__((visibility(\"hidden\"), used, aligned(16))) TypeInfoBlock " << sym
       << " = {\n    {" << t.latest_variant + 1 << ", {}, ve_" << t.name << "},\n"
       << "    {WEX_TYPE_INFO_MAGIC, {" << luid_bytes(t.luid) << "}, \"" << t.luid << "\", "
       << c_string(t.name) << ", \"bix_ipc_shim\", \"" << kind_text(t.kind) << "\", {}, 0xFFFFFFFFu, 0, &"
-      << sym << ".vi, 0, 0}};\n";
+      << sym << ".vi, 0, 0}};\n}\n";
     std::string ex = tinfo_symbol(t);
     o << "asm(\".globl " << ex << "\\n.type " << ex << ", @object\\n.size " << ex << ", 272\\n.set "
       << ex << ", " << sym << " + 16\\n\");\n";

@@ -1,8 +1,93 @@
-// Value operations of enumerations and flag sets.
+// Value operations of enumerations and flag sets, and the object queries every type has.
 #include "ops.h"
 
 namespace bixgen {
 
-std::vector<OpSpec> value_ops() { return {}; }
+std::vector<OpSpec> value_ops() {
+  return {
+      {kOnLeaf, "get", "$T *", "wex_handle *h, uint32_t ws, $T *inst",
+       "(void)h; (void)ws; return inst;", "The instance itself."},
+      {kOnEnum, "get_value", "uint32_t", "wex_handle *h, uint32_t ws, const $T *inst, uint32_t *err",
+       "return bix::enum_get_value($D, h, ws, inst, err);", "The user value; 22 for a null instance."},
+      {kOnEnum, "set_value", "void", "wex_handle *h, uint32_t ws, $T *inst, uint32_t value, uint32_t *err",
+       "bix::enum_set_value($D, h, ws, inst, value, err);",
+       "Store a user value; 43 when the instance's variant does not accept it."},
+      {kOnEnum, "set", "void", "wex_handle *h, uint32_t ws, $T *dst, const $T *src, uint32_t *err",
+       "bix::enum_set($D, h, ws, dst, src, err);",
+       "Copy the whole source instance after checking its value against dst's variant."},
+      {kOnEnum, "map_to_internal_value", "uint32_t", "uint32_t value",
+       "return bix::enum_to_internal($D, value);", "The wire value of a user value."},
+      {kOnEnum, "map_to_user_value", "uint32_t", "uint32_t value",
+       "return value;", "Unchanged: the decoder itself maps wire values back."},
+      {kOnEnum, "compare", "int32_t", "const $T *a, const $T *b",
+       "return bix::enum_compare(a, b);", "a's value minus b's; null sorts first."},
+      {kOnEnum, "hash", "uint32_t", "const $T *inst, uint32_t seed",
+       "return bix::enum_hash(inst, seed);", "SuperFastHash of the value; seed for null."},
+      {kOnFlags, "get_value", "int32_t",
+       "wex_handle *h, uint32_t ws, const $T *inst, uint32_t flag, uint32_t *err",
+       "return bix::flags_get_value($D, h, ws, inst, flag, err);",
+       "The flag's bit as a signed byte (flag 7 of a byte reads -128); 43 when out of range."},
+      {kOnFlags, "get_cr", "int32_t", "wex_handle *h, const $T *inst, uint32_t flag",
+       "return bix::flags_get_value($D, h, h->default_ws, inst, flag, &h->error);",
+       "get_value with the handle's own error slot."},
+      {kOnFlags, "set_value", "void",
+       "wex_handle *h, uint32_t ws, $T *inst, uint32_t flag, uint32_t on, uint32_t *err",
+       "bix::flags_set_value($D, h, ws, inst, flag, on, err);", "Turn one flag on or off."},
+      {kOnFlags, "set_cr", "uint32_t", "wex_handle *h, $T *inst, uint32_t flag, uint32_t on",
+       "bix::flags_set_value($D, h, h->default_ws, inst, flag, on, &h->error); return h->error;",
+       "set_value with the handle's default_ws and error; returns that error."},
+      {kOnFlags, "set", "void", "wex_handle *h, uint32_t ws, $T *dst, const $T *src, uint32_t *err",
+       "bix::flags_set($D, h, ws, dst, src, err);", "Copy the whole source instance."},
+      {kOnFlags, "in_range", "uint32_t", "uint32_t flag",
+       "return flag < $D.nliterals ? 1u : 0u;", "1 when the flag number exists."},
+      {kOnFlags, "compare", "int32_t", "const $T *a, const $T *b",
+       "return bix::flags_compare($D, a, b);", "Byte-wise comparison of the flag bytes."},
+      {kOnFlags, "hash", "uint32_t", "const $T *inst, uint32_t seed",
+       "return bix::flags_hash($D, inst, seed);", "SuperFastHash of the flag bytes."},
+      {kOnLeaf, "adjust_variant", "void", "wex_handle *h, uint32_t ws, $T *inst, uint32_t *err",
+       "bix::leaf_adjust_variant($D, h, ws, inst, err);",
+       "Let the runtime bring the instance to the domain's variant."},
+      {kOnLeaf, "get_oid_count", "uint32_t", "wex_handle *h, uint32_t ws, const $T *inst, uint32_t *err",
+       "return bix::get_oid_count(h, ws, inst, err);", "0: no type here holds object ids."},
+      {kOnLeaf, "get_object_references", "void",
+       "wex_handle *h, uint32_t ws, const $T *inst, uint32_t *err",
+       "bix::get_object_references(h, ws, inst, err);", "Nothing: no type holds table references."},
+      {kOnLeaf, "len", "uint32_t", "wex_handle *h, uint32_t ws, const $T *inst",
+       "(void)h; (void)ws; (void)inst; return bix::leaf_len($D);", "Encoded length (5, 6 or 7)."},
+      {kOnLeaf, "len_cr", "uint32_t", "wex_handle *h, const $T *inst",
+       "(void)inst; return h->error ? 0 : bix::leaf_len($D);", "len, 0 when an error is pending."},
+      {kOnLeaf, "marshal", "uint32_t",
+       "wex_handle *h, uint32_t ws, uint8_t *buf, const $T *inst, int32_t len, uint32_t *err",
+       "return bix::leaf_marshal($D, h, ws, buf, inst, len, err);", "Encode; bytes written."},
+      {kOnLeaf, "unmarshal", "uint32_t",
+       "wex_handle *h, uint32_t ws, const uint8_t *buf, $T *inst, int32_t len, uint32_t reuse, "
+       "uint32_t *err",
+       "return bix::leaf_unmarshal($D, h, ws, buf, inst, len, reuse, err);",
+       "Decode; bytes consumed. Never reads past len (74 when the input ends early)."},
+      {kOnLeaf, "print", "int32_t",
+       "wex_handle *h, uint32_t ws, char *buf, uint32_t indent, const char *name, const $T *inst, "
+       "uint32_t len, uint32_t *err",
+       "return bix::leaf_print($D, h, ws, buf, indent, name, inst, len, err);",
+       "Text form \"name@type:LITERAL\"; characters written."},
+      {kOnLeaf, "print_cr", "int32_t", "wex_handle *h, const $T *inst, char *buf, uint32_t len",
+       "return bix::cr_text(h, [&](uint32_t *e) { return bix::leaf_print($D, h, h->default_ws, buf, "
+       "0, \"$T\", inst, len, e); });",
+       "print under the type's name; -1 when the handle's error is set afterwards."},
+      {kOnLeaf, "to_xml", "int32_t",
+       "wex_handle *h, uint32_t ws, const char *name, char *buf, const $T *inst, uint32_t len, "
+       "uint8_t state, uint32_t *err",
+       "(void)state; return bix::leaf_to_xml($D, h, ws, name, buf, inst, len, err);",
+       "XML element holding one empty element per literal or set flag."},
+      {kOnLeaf, "toxml_cr", "int32_t", "wex_handle *h, const $T *inst, char *buf, uint32_t len",
+       "return bix::cr_text(h, [&](uint32_t *e) { return bix::leaf_to_xml($D, h, h->default_ws, "
+       "\"$T\", buf, inst, len, e); });",
+       "to_xml under the type's name; -1 when the handle's error is set afterwards."},
+      {kOnLeaf, "from_xml", "void",
+       "wex_handle *h, uint32_t ws, const char *path, void *doc, $T *inst, uint32_t *err, char *msg, "
+       "uint32_t msglen",
+       "bix::leaf_from_xml($D, h, ws, path, doc, inst, err, msg, msglen);",
+       "Parse the element at path; \"Failed xpath: %s\" into msg on a query error."},
+  };
+}
 
 }  // namespace bixgen

@@ -30,6 +30,7 @@ void trace(Tm id);
 void trace(Tm id, const char *a);
 void trace(Tm id, const char *a, const char *b);
 void trace_u(Tm id, uint32_t a, uint32_t b);
+void trace_u(Tm id, uint32_t a, uint32_t b, uint32_t c);
 void trace(Ts id, const char *a);
 void trace(Ts id, const char *a, const char *b);
 void trace(Ts id, const char *a, const char *b, const char *c);

@@ -1,7 +1,29 @@
-// Core family: wire. Declarations only; nothing here is exported.
+// Core family: wire encoding and decoding.
 #pragma once
 
 #include "bix/desc.h"
 #include "wex.h"
 
-namespace bix {}  // namespace bix
+namespace bix {
+
+// Runtime code for input that ends before an item it announces.
+inline constexpr uint32_t kErrShortInput = 74;
+
+// After a versioned item: step to jump_base + jump when the sender wrote more than we
+// read (a newer sender's appended fields). A jump that points past the input is
+// reported as short input and the position stops at the end, so no caller ever reads
+// beyond `len`. Returns the new position.
+uint32_t jump_correct(wex_handle *h, uint32_t *err, uint32_t pos, uint32_t jump_base,
+                      uint32_t jump, int32_t len);
+
+// Type info pointer a decoder stores: the registered copy when the handle asks for it.
+wex_type_info *decoded_tinfo(wex_handle *h, uint32_t ws, const TypeDesc &d);
+
+// Enumerations and flag sets.
+uint32_t leaf_len(const TypeDesc &d);
+uint32_t leaf_marshal(const TypeDesc &d, wex_handle *h, uint32_t ws, uint8_t *buf,
+                      const void *inst, int32_t len, uint32_t *err);
+uint32_t leaf_unmarshal(const TypeDesc &d, wex_handle *h, uint32_t ws, const uint8_t *buf,
+                        void *inst, int32_t len, uint32_t reuse, uint32_t *err);
+
+}  // namespace bix
