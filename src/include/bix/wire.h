@@ -26,4 +26,16 @@ uint32_t leaf_marshal(const TypeDesc &d, wex_handle *h, uint32_t ws, uint8_t *bu
 uint32_t leaf_unmarshal(const TypeDesc &d, wex_handle *h, uint32_t ws, const uint8_t *buf,
                         void *inst, int32_t len, uint32_t reuse, uint32_t *err);
 
+// Records. `clone` skips the domain check for the record itself (members keep it).
+uint32_t record_len(const TypeDesc &d, wex_handle *h, uint32_t ws, const void *inst);
+uint32_t record_marshal(const TypeDesc &d, wex_handle *h, uint32_t ws, uint8_t *buf,
+                        const void *inst, int32_t len, uint32_t *err, bool clone);
+uint32_t record_unmarshal(const TypeDesc &d, wex_handle *h, uint32_t ws, const uint8_t *buf,
+                          void *inst, int32_t len, uint32_t reuse, uint32_t *err);
+
+// Whether the runtime's bulk array codecs are used (they are optional; the per-element
+// path produces identical bytes). BIX_IPC_SHIM_NO_BULK=1 in the environment forces the
+// per-element path, so both can be exercised against one runtime.
+bool bulk_codecs_in_use();
+
 }  // namespace bix
