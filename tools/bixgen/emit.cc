@@ -78,6 +78,8 @@ std::string expand_field(const char *tmpl, const Type &t, const Field &f, size_t
   std::string s = replace_all(tmpl, "$FD", "bix::gen::fd_" + t.name + "[" + std::to_string(index) + "]");
   s = replace_all(s, "$F", f.name);
   s = replace_all(s, "$E", value_ctype(f));
+  // $S: what one element or member is stored as (member type name, else the primitive)
+  s = replace_all(s, "$S", f.type ? f.type->name : std::string(prim_ctype(f.prim)));
   return s;
 }
 

@@ -59,7 +59,8 @@ bool layout_record(Schema &s, Type &t, std::set<std::string> &busy, std::set<std
       if (!ensure(s, f.type, busy, done)) return false;
     }
     const Type *m = f.type;
-    f.sttr = st++;
+    // A variable array's count owns no state byte: the array's whole byte stands for both.
+    if (f.kind != FieldKind::Count) f.sttr = st++;
     switch (f.kind) {
       case FieldKind::Prim:
       case FieldKind::Count:
