@@ -256,60 +256,26 @@ struct Decoder {
   }
 };
 
-// Takes `bytes` of fresh storage for a reference slot, announcing the reference store.
-bool take_storage(Decoder &dc, uint8_t *slot, uint32_t bytes) {
-  dc.h->notify_write(dc.h->alloc_ctx, slot, 8, dc.ws);
-  void *p = dc.h->allocate(dc.h->alloc_ctx, dc.ws, bytes);
-  store_ptr(slot, p);
-  if (!p) return false;
-  std::memset(p, 0, bytes);
-  return true;
-}
-
-void drop_storage(Decoder &dc, uint8_t *slot) {
-  if (void *old = load_ptr(slot)) {
-    dc.h->release(dc.h->alloc_ctx, dc.ws, old);
-    dc.h->notify_write(dc.h->alloc_ctx, slot, 8, dc.ws);
-    store_ptr(slot, nullptr);
-  }
-}
-
 // Decodes the payload of a variable array whose count k was just read. Returns false
-// when decoding must stop at once (the count is then restored to k0, so the instance
-// never claims more elements than it holds).
+// when decoding must stop at once; the count is then back at k0, so the instance never
+// claims more elements than it holds.
 bool unmarshal_var_array(const TypeDesc &d, const FieldDesc &f, Decoder &dc, uint8_t *b,
                          uint8_t *area, uint32_t k0) {
   uint8_t *count_at = b + d.fields[f.link].offset;
   uint32_t k = load_u32(count_at);
   if (!k) return true;
-  auto fail = [&](uint32_t code) {
-    store_err(dc.h, dc.err, code);
-    std::memcpy(count_at, &k0, 4);
-    return false;
-  };
+  const bool keep = dc.reuse && k == k0 && load_ptr(b + f.offset);
+  if (!keep) std::memcpy(count_at, &k0, 4);  // resize works from what the instance holds
   // A sender cannot make us allocate more than the bytes it actually sent.
-  if (dc.left() < 0 || static_cast<uint64_t>(k) * f.elem_size > static_cast<uint32_t>(dc.left()))
-    return fail(kErrShortInput);
-  uint8_t *data_slot = b + f.offset;
-  uint8_t *state_slot = dc.copy ? area + f.sttr_ptr : nullptr;
-  // Storage is kept only when reusing an array of the same length; otherwise the old
-  // buffers are released (the instance is their only owner) and fresh ones taken.
-  bool keep = dc.reuse && k == k0 && load_ptr(data_slot);
-  if (!keep) {
-    drop_storage(dc, data_slot);
-    if (!take_storage(dc, data_slot, k * u_int8_sizeof(dc.h))) return fail(12);
+  if (dc.left() < 0 || static_cast<uint64_t>(k) * f.elem_size > static_cast<uint32_t>(dc.left())) {
+    store_err(dc.h, dc.err, kErrShortInput);
+    return false;
   }
-  if (state_slot) {
-    bool keep_states = dc.reuse && k == k0 && load_ptr(state_slot);
-    if (!keep_states) {
-      drop_storage(dc, state_slot);
-      if (!take_storage(dc, state_slot, k)) return fail(12);
-    }
-  }
-  std::memcpy(load_ptr(data_slot), dc.buf + dc.pos, k * f.elem_size);
+  if (!keep && !var_array_resize(dc.h, dc.ws, d, b, f, k, dc.err)) return false;
+  std::memcpy(load_ptr(b + f.offset), dc.buf + dc.pos, k * f.elem_size);
   dc.pos += k * f.elem_size;
   dc.state_byte(area ? area + f.sttr : nullptr);
-  dc.state_bytes(state_slot ? static_cast<uint8_t *>(load_ptr(state_slot)) : nullptr, k);
+  dc.state_bytes(area ? static_cast<uint8_t *>(load_ptr(area + f.sttr_ptr)) : nullptr, k);
   return true;
 }
 
