@@ -353,16 +353,7 @@ uint32_t record_len(const TypeDesc &d, wex_handle *h, uint32_t ws, const void *i
 
 uint32_t record_marshal(const TypeDesc &d, wex_handle *h, uint32_t ws, uint8_t *buf,
                         const void *inst, int32_t len, uint32_t *err, bool clone) {
-  if (*err) return 0;
-  wex_clear_last_error(h);
-  if (len < 1) {
-    store_err(h, err, 12);
-    return 0;
-  }
-  if (!inst) {
-    store_err(h, err, 22);
-    return 0;
-  }
+  if (!codec_begin(h, err, inst, len)) return 0;
   Encoder e{h, ws, buf, len, err};
   int8_t v = wex_get_instance_variant(inst, 1, 0);
   int8_t dv = wex_domain_lookup_variant(h, &h->domain, wex_get_manifested_type_info(inst), err);
@@ -403,16 +394,7 @@ uint32_t record_marshal(const TypeDesc &d, wex_handle *h, uint32_t ws, uint8_t *
 
 uint32_t record_unmarshal(const TypeDesc &d, wex_handle *h, uint32_t ws, const uint8_t *buf,
                           void *inst, int32_t len, uint32_t reuse, uint32_t *err) {
-  if (*err) return 0;
-  wex_clear_last_error(h);
-  if (len < 1) {
-    store_err(h, err, 12);
-    return 0;
-  }
-  if (!inst) {
-    store_err(h, err, 22);
-    return 0;
-  }
+  if (!codec_begin(h, err, inst, len)) return 0;
   ensure_trace_module();
   Decoder dc{h, ws, buf, len, reuse, err};
   int8_t v = 0;

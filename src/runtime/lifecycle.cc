@@ -145,28 +145,6 @@ void record_initialize(const TypeDesc &d, wex_handle *h, uint32_t ws, void *mem,
   });
 }
 
-// Releases what a variable array keeps outside the instance.
-void release_var_array(wex_handle *h, uint32_t ws, const TypeDesc &d, void *inst,
-                       const FieldDesc &f) {
-  uint8_t *b = bytes(inst);
-  void *data = nullptr;
-  std::memcpy(&data, b + f.offset, sizeof data);
-  if (data) {
-    h->release(h->alloc_ctx, ws, data);
-    notify(h, ws, b + f.offset, 8);
-    std::memset(b + f.offset, 0, 8);
-  }
-  if (!(b[kHdrFlags] & kFlagTracked)) return;
-  uint8_t *area = sttr_area(h, ws, d, inst);
-  void *states = nullptr;
-  std::memcpy(&states, area + f.sttr_ptr, sizeof states);
-  if (states) {
-    h->release(h->alloc_ctx, ws, states);
-    notify(h, ws, area + f.sttr_ptr, 8);
-    std::memset(area + f.sttr_ptr, 0, 8);
-  }
-}
-
 void record_destroy_internal(const TypeDesc &d, wex_handle *h, uint32_t ws, void *inst,
                              uint32_t free_it) {
   uint8_t *b = bytes(inst);
@@ -192,7 +170,11 @@ void record_destroy_internal(const TypeDesc &d, wex_handle *h, uint32_t ws, void
         for (uint32_t k = 0; k < f.count; ++k)
           instance_destroy_internal(*f.type, h, ws, b + f.offset + k * f.elem_size, 0);
         break;
-      case FieldKind::VarArray: release_var_array(h, ws, d, inst, f); break;
+      case FieldKind::VarArray: {
+        uint32_t local = 0;  // releasing cannot fail
+        var_array_resize(h, ws, d, inst, f, 0, &local);
+        break;
+      }
       case FieldKind::UnionAlt: {
         void *alt = nullptr;
         std::memcpy(&alt, b + f.offset, sizeof alt);

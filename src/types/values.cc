@@ -274,16 +274,7 @@ uint32_t leaf_len(const TypeDesc &d) {
 
 uint32_t leaf_marshal(const TypeDesc &d, wex_handle *h, uint32_t ws, uint8_t *buf,
                       const void *inst, int32_t len, uint32_t *err) {
-  if (pending(err)) return 0;
-  wex_clear_last_error(h);
-  if (len < 1) {
-    store_err(h, err, 12);
-    return 0;
-  }
-  if (!inst) {
-    store_err(h, err, 22);
-    return 0;
-  }
+  if (!codec_begin(h, err, inst, len)) return 0;
   int8_t v = wex_get_instance_variant(inst, 0, 1);
   int8_t dv = wex_domain_lookup_variant(h, &h->domain, wex_get_manifested_type_info(inst), err);
   if (v > dv) {
@@ -318,16 +309,7 @@ uint32_t leaf_marshal(const TypeDesc &d, wex_handle *h, uint32_t ws, uint8_t *bu
 
 uint32_t leaf_unmarshal(const TypeDesc &d, wex_handle *h, uint32_t ws, const uint8_t *buf,
                         void *inst, int32_t len, uint32_t reuse, uint32_t *err) {
-  if (pending(err)) return 0;
-  wex_clear_last_error(h);
-  if (len < 1) {
-    store_err(h, err, 12);
-    return 0;
-  }
-  if (!inst) {
-    store_err(h, err, 22);
-    return 0;
-  }
+  if (!codec_begin(h, err, inst, len)) return 0;
   int8_t v = 0;
   uint32_t n = _wex_instance_variant_unmarshal(h, ws, buf, &v, len, err);
   if (!n) return 0;

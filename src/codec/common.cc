@@ -1,9 +1,23 @@
-// Pieces of the decoders shared by every kind of type.
+// Pieces of the encoders and decoders shared by every kind of type.
 #include "bix/core.h"
 
 BIX_EXPORT void bix_ipc_shim_typeinfo_initialize(wex_handle *h, uint32_t ws, uint32_t *err);
 
 namespace bix {
+
+bool codec_begin(wex_handle *h, uint32_t *err, const void *inst, int32_t len) {
+  if (*err) return false;
+  wex_clear_last_error(h);
+  if (len < 1) {
+    store_err(h, err, 12);
+    return false;
+  }
+  if (!inst) {
+    store_err(h, err, 22);
+    return false;
+  }
+  return true;
+}
 
 uint32_t jump_correct(wex_handle *h, uint32_t *err, uint32_t pos, uint32_t jump_base,
                       uint32_t jump, int32_t len) {
