@@ -193,3 +193,33 @@ TEST(Manifest, SectionOfTheBuiltFileHoldsEveryTypeLine) {
 }
 
 }  // namespace
+
+namespace {
+
+// The trace-point tables travel in the file: the decoder record, one LUID section per
+// table, and the bzip2-compressed texts they index.
+TEST(Manifest, TraceSectionsDecodeBackToTheTraceTexts) {
+  std::string err;
+  auto dec = bixipc::read_elf_section(BIX_LIBRARY_FILE, ".lumo_decoder", &err);
+  ASSERT_TRUE(dec) << err;
+  ASSERT_EQ(dec->size(), 30u);
+  EXPECT_EQ(std::string(dec->begin(), dec->begin() + 8), "LUMODEC1");
+  EXPECT_EQ((*dec)[10], 2);  // two tables
+  auto bz = bixipc::read_elf_section(BIX_LIBRARY_FILE, ".lumo_format_strings", &err);
+  ASSERT_TRUE(bz) << err;
+  char *text = nullptr;
+  size_t len = 0;
+  ASSERT_EQ(lumo_decode_format_strings(bz->data(), bz->size(), &text, &len), 0);
+  auto main = bixipc::read_elf_section(BIX_LIBRARY_FILE, ".lumo_luids_b1c0d2e3f4a5968778695a4b3c2d1e0f", &err);
+  ASSERT_TRUE(main) << err;
+  const uint8_t *rec = main->data() + 20;  // header, then 6-byte records
+  // The first record of the main table is the corrupted-handle text.
+  uint16_t tlen = static_cast<uint16_t>(rec[0] | rec[1] << 8);
+  uint32_t off = rec[2] | rec[3] << 8 | rec[4] << 16 | static_cast<uint32_t>(rec[5]) << 24;
+  ASSERT_LE(off + tlen, len + 1);
+  EXPECT_STREQ(text + off, "Corrupted WEX Handle");
+  EXPECT_EQ(tlen, sizeof("Corrupted WEX Handle"));
+  free(text);
+}
+
+}  // namespace
