@@ -1,0 +1,103 @@
+// A small driver for instruction counting: repeats one operation on one record, nothing
+// else, so that two runs under callgrind with N and 2N iterations differ by exactly N
+// operations (bench/instructions.sh).
+//
+//   bench_ops <memcpy|len|marshal|unmarshal> <record> <iterations> [--per-element] [--tracking]
+//
+// <record> is a case label (status_info, envm_sensor_data, shim_data_1k) or its type name.
+// memcpy copies as many bytes as the record's encoding holds.
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "subjects.h"
+
+namespace {
+
+int usage() {
+  std::fprintf(stderr,
+               "usage: bench_ops <memcpy|len|marshal|unmarshal> <record> <iterations> "
+               "[--per-element] [--tracking]\nrecords:");
+  for (const auto &c : bixbench::cases()) std::fprintf(stderr, " %s", c.label);
+  std::fprintf(stderr, "\n");
+  return 2;
+}
+
+// Keeps the compiler from dropping or merging the work of one iteration.
+template <typename T>
+void keep(T const &v) {
+  asm volatile("" : : "r,m"(v) : "memory");
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+  bool tracking = false;
+  std::string pos[3];
+  int npos = 0;
+  for (int i = 1; i < argc; ++i) {
+    if (std::strcmp(argv[i], "--per-element") == 0)
+      bixbench::use_per_element_codecs();  // before any library call
+    else if (std::strcmp(argv[i], "--tracking") == 0)
+      tracking = true;
+    else if (npos < 3)
+      pos[npos++] = argv[i];
+    else
+      return usage();
+  }
+  if (npos != 3) return usage();
+  const std::string op = pos[0];
+  const bixbench::Case *c = bixbench::find_case(pos[1]);
+  char *end = nullptr;
+  const unsigned long iterations = std::strtoul(pos[2].c_str(), &end, 10);
+  if (!c || *end || (op != "memcpy" && op != "len" && op != "marshal" && op != "unmarshal"))
+    return usage();
+
+  bixbench::Subject s(*c, tracking);
+  if (!s.error.empty()) {
+    std::fprintf(stderr, "bench_ops: %s\n", s.error.c_str());
+    return 1;
+  }
+  uint8_t *dst = s.out.data();
+  const uint8_t *src = s.wire.data();
+  const size_t bytes = s.wire.size();
+  uint32_t err = 0, n = 0;
+  // One operation outside the counted difference: lazy binding and first-use set-up.
+  if (op == "memcpy") {
+    std::memcpy(dst, src, bytes);
+    for (unsigned long i = 0; i < iterations; ++i) {
+      keep(src);
+      std::memcpy(dst, src, bytes);
+      keep(dst);
+    }
+    n = static_cast<uint32_t>(bytes);
+  } else if (op == "len") {
+    n = s.len();
+    for (unsigned long i = 0; i < iterations; ++i) {
+      n = s.len();
+      keep(n);
+    }
+    n = n == s.room ? static_cast<uint32_t>(bytes) : n;
+  } else if (op == "marshal") {
+    n = s.marshal(&err);
+    for (unsigned long i = 0; i < iterations && !err; ++i) {
+      n = s.marshal(&err);
+      keep(n);
+    }
+  } else {
+    n = s.unmarshal(&err);
+    for (unsigned long i = 0; i < iterations && !err; ++i) {
+      n = s.unmarshal(&err);
+      keep(n);
+    }
+  }
+  if (err || n != bytes) {
+    std::fprintf(stderr, "bench_ops: %s %s: err %u, %u of %zu bytes\n", op.c_str(), c->label, err,
+                 n, bytes);
+    return 1;
+  }
+  std::printf("%s %s %s bytes %zu codecs %s\n", op.c_str(), c->label,
+              tracking ? "sttr_on" : "sttr_off", bytes, bixbench::codec_path());
+  return 0;
+}

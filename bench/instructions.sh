@@ -1,0 +1,137 @@
+#!/usr/bin/env bash
+# Instructions per operation, counted by callgrind. bench_ops repeats one operation N and
+# 2N times; (I(2N) - I(N)) / N leaves exactly N operations, start-up, set-up and first use
+# cancelled out.
+#
+#   bench/instructions.sh [-n N] [--tracking]
+#       the table: memcpy of the encoded bytes, then len, marshal and unmarshal of each
+#       record with the bulk and with the per-element codecs (state tracking off; with
+#       --tracking, on as well)
+#   bench/instructions.sh profile <op> <record> [-n N] [--per-element] [--tracking]
+#                                 [--lines FILE]...
+#       where one operation's instructions go: per function, instructions and calls per
+#       operation, from the same difference of two runs; --lines src/codec/wire.cc adds
+#       them per source line of that file (inlined code included)
+#
+# BENCH_OPS names the driver (default: ${BUILD_DIR:-build}/bench/bench_ops).
+set -euo pipefail
+cd "$(dirname "$0")/.."
+BENCH_OPS=${BENCH_OPS:-${BUILD_DIR:-build}/bench/bench_ops}
+RECORDS=(status_info envm_sensor_data shim_data_1k)
+N=2000
+
+command -v valgrind >/dev/null || { echo "instructions.sh: valgrind is not installed" >&2; exit 1; }
+[ -x "$BENCH_OPS" ] || { echo "instructions.sh: no driver at $BENCH_OPS (./run build)" >&2; exit 1; }
+TMP=$(mktemp -d)
+trap 'rm -rf "$TMP"' EXIT
+
+# run_callgrind <out file> <bench_ops arguments...>: one run, its output file kept.
+run_callgrind() {
+  local out=$1
+  shift
+  # shellcheck disable=SC2086  # CALLGRIND_OPTS: extra options, split on blanks
+  valgrind --tool=callgrind --callgrind-out-file="$out" ${CALLGRIND_OPTS:-} "$BENCH_OPS" "$@" \
+    >"$out.stdout" 2>"$out.stderr" || { cat "$out.stderr" >&2; return 1; }
+}
+
+# total_ir <callgrind output file>: the run's total instruction count.
+total_ir() { awk '/^(summary|totals):/ { print $2; exit }' "$1"; }
+
+# per_op <op> <record> <flags...>: instructions per operation, and the encoded bytes.
+per_op() {
+  local key
+  key=$(echo "$*" | tr ' ' '_')
+  run_callgrind "$TMP/$key.1" "$1" "$2" "$N" "${@:3}"
+  run_callgrind "$TMP/$key.2" "$1" "$2" $((2 * N)) "${@:3}"
+  local i1 i2 bytes
+  i1=$(total_ir "$TMP/$key.1")
+  i2=$(total_ir "$TMP/$key.2")
+  bytes=$(awk '{ for (i = 1; i < NF; ++i) if ($i == "bytes") print $(i + 1) }' "$TMP/$key.1.stdout")
+  awk -v a="$i1" -v b="$i2" -v n="$N" -v bytes="$bytes" 'BEGIN { printf "%.1f %s\n", (b - a) / n, bytes }'
+}
+
+table() {
+  local tracking_modes=(off)
+  while [ $# -gt 0 ]; do
+    case "$1" in
+      -n) N=$2; shift 2 ;;
+      --tracking) tracking_modes=(off on); shift ;;
+      *) echo "instructions.sh: unknown argument $1" >&2; exit 2 ;;
+    esac
+  done
+  # Every count is an independent pair of runs: run them side by side, print in order.
+  local jobs=() max
+  max=$(nproc)
+  for t in "${tracking_modes[@]}"; do
+    local tflag=()
+    [ "$t" = on ] && tflag=(--tracking)
+    for r in "${RECORDS[@]}"; do
+      jobs+=("memcpy $r - $t ${tflag[*]}")
+      for path in bulk per-element; do
+        local pflag=()
+        [ "$path" = per-element ] && pflag=(--per-element)
+        for op in len marshal unmarshal; do
+          jobs+=("$op $r $path $t ${pflag[*]} ${tflag[*]}")
+        done
+      done
+    done
+  done
+  local k=0
+  for j in "${jobs[@]}"; do
+    read -r op r path t flags <<<"$j"
+    # shellcheck disable=SC2086
+    (per_op "$op" "$r" $flags >"$TMP/job.$k" || echo "failed" >"$TMP/job.$k") &
+    k=$((k + 1))
+    while [ "$(jobs -rp | wc -l)" -ge "$max" ]; do wait -n || true; done
+  done
+  wait
+  echo "Instructions per operation (callgrind, (I(2N) - I(N)) / N, N = $N)"
+  printf '%-17s %-8s %5s  %-11s %-9s %10s %9s\n' record tracking bytes codecs op instr/op x_memcpy
+  k=0
+  local base=0 status=0
+  for j in "${jobs[@]}"; do
+    read -r op r path t flags <<<"$j"
+    local res ir bytes
+    res=$(cat "$TMP/job.$k")
+    k=$((k + 1))
+    if [ "$res" = failed ]; then
+      printf '%-17s %-8s %5s  %-11s %-9s %10s\n' "$r" "$t" "?" "$path" "$op" FAILED
+      status=1
+      continue
+    fi
+    read -r ir bytes <<<"$res"
+    [ "$op" = memcpy ] && base=$ir
+    awk -v r="$r" -v t="$t" -v bytes="$bytes" -v path="$path" -v op="$op" -v ir="$ir" -v base="$base" \
+      'BEGIN { printf "%-17s %-8s %5s  %-11s %-9s %10.1f %9.2f\n", r, t, bytes, path, op, ir, (base > 0 ? ir / base : 0) }'
+  done
+  return $status
+}
+
+profile() {
+  [ $# -ge 2 ] || { echo "usage: instructions.sh profile <op> <record> [-n N] [--per-element] [--tracking] [--lines FILE]" >&2; exit 2; }
+  local op=$1 rec=$2
+  shift 2
+  local flags=() lines=()
+  while [ $# -gt 0 ]; do
+    case "$1" in
+      -n) N=$2; shift 2 ;;
+      --lines) lines+=(--lines "$2"); shift 2 ;;
+      --per-element | --tracking) flags+=("$1"); shift ;;
+      *) echo "instructions.sh: unknown argument $1" >&2; exit 2 ;;
+    esac
+  done
+  CALLGRIND_OPTS="--dump-instr=yes" run_callgrind "$TMP/p.1" "$op" "$rec" "$N" "${flags[@]}"
+  CALLGRIND_OPTS="--dump-instr=yes" run_callgrind "$TMP/p.2" "$op" "$rec" $((2 * N)) "${flags[@]}"
+  echo "$op $rec ${flags[*]}: $(cat "$TMP/p.1.stdout")"
+  python3 bench/callgrind_diff.py "$TMP/p.1" "$TMP/p.2" "$N" "${lines[@]}"
+  # The 2N run stays available for callgrind_annotate --auto=yes / --inclusive=yes.
+  if [ -n "${KEEP_PROFILE:-}" ]; then
+    cp "$TMP/p.2" "$KEEP_PROFILE"
+    echo "2N profile kept at $KEEP_PROFILE (callgrind_annotate $KEEP_PROFILE)"
+  fi
+}
+
+case "${1:-}" in
+  profile) shift; profile "$@" ;;
+  *) table "$@" ;;
+esac

@@ -1,0 +1,101 @@
+// Benchmark subjects: one filled instance of each measured record, its encoding, and a
+// second instance to decode into. Shared by the timing benchmark and the instruction-count
+// driver so both measure exactly the same work.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "bix_ipc_shim.h"
+
+namespace bixbench {
+
+using LenFn = uint32_t (*)(wex_handle *, uint32_t, const void *);
+using MarshalFn = uint32_t (*)(wex_handle *, uint32_t, uint8_t *, const void *, int32_t,
+                               uint32_t *);
+using UnmarshalFn = uint32_t (*)(wex_handle *, uint32_t, const uint8_t *, void *, int32_t, uint32_t,
+                                 uint32_t *);
+using CreateFn = void *(*)(wex_handle *, uint32_t);
+using DestroyFn = void (*)(wex_handle *, uint32_t, void *);
+
+// The record operations of one type, called directly (no lookup on the measured path).
+struct Ops {
+  const char *type;
+  CreateFn create;
+  DestroyFn destroy;
+  LenFn len;
+  MarshalFn marshal;
+  UnmarshalFn unmarshal;
+};
+
+// What is measured: a record type, the union alternative its selectors pick (1..7) and
+// the element count of its variable array, if it has one.
+struct Case {
+  const char *label;
+  Ops ops;
+  uint32_t alt;
+  uint32_t var_len;
+};
+
+// status_info (QSFP alternative), envm_sensor_data (49 sensors), shim_data_1k.
+const std::vector<Case> &cases();
+const Case *find_case(const std::string &label_or_type);
+
+// Bytes at a 64-byte boundary, so memcpy and the codecs see the same, repeatable
+// alignment from run to run.
+class Buffer {
+ public:
+  void assign(const uint8_t *from, size_t n);
+  uint8_t *data() { return p_; }
+  const uint8_t *data() const { return p_; }
+  size_t size() const { return n_; }
+
+ private:
+  std::vector<uint8_t> mem_;
+  uint8_t *p_ = nullptr;
+  size_t n_ = 0;
+};
+
+// A handle, a filled source instance, its encoding and a destination instance that has
+// already decoded it once (so later decodes reuse its storage, as a receive loop would).
+class Subject {
+ public:
+  Subject(const Case &c, bool tracking);
+  ~Subject();
+  Subject(const Subject &) = delete;
+  Subject &operator=(const Subject &) = delete;
+
+  const Case &c;
+  const bool tracking;
+  wex_handle *h = nullptr;
+  void *src = nullptr;
+  void *dst = nullptr;
+  Buffer wire;        // the encoding of src
+  Buffer out;         // where marshal writes
+  uint32_t room = 0;  // what len() answers: the room marshal is given
+  std::string error;  // why the subject is unusable; empty when it is fine
+
+  uint32_t len() const { return c.ops.len(h, 0, src); }
+  // The bytes written; *err receives the error code.
+  uint32_t marshal(uint32_t *err) {
+    *err = 0;
+    return c.ops.marshal(h, 0, out.data(), src, static_cast<int32_t>(room), err);
+  }
+  // Decodes the encoding into dst, reusing dst's storage; returns the bytes read.
+  uint32_t unmarshal(uint32_t *err) {
+    *err = 0;
+    return c.ops.unmarshal(h, 0, wire.data(), dst, static_cast<int32_t>(wire.size()), 1, err);
+  }
+
+ private:
+  wex_sttr_profile profile_{};
+};
+
+// Which wire codec path the library takes in this process: "bulk" or "per-element".
+// Set before the first library call; the library reads it once.
+const char *codec_path();
+// Switches this process to per-element codecs; must run before any library call.
+void use_per_element_codecs();
+
+}  // namespace bixbench
