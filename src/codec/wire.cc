@@ -69,7 +69,7 @@ const std::array<PrimCodec, 6> &codecs() {
   return table;
 }
 
-const PrimCodec &codec(Prim p) { return codecs()[static_cast<size_t>(p)]; }
+using CodecTable = std::array<PrimCodec, 6>;
 
 uint32_t load_u32(const uint8_t *p) {
   uint32_t v;
@@ -122,6 +122,7 @@ uint32_t field_len(const FieldDesc &f, wex_handle *h, uint32_t ws, const TypeDes
 // ---- marshal ----
 
 struct Encoder {
+  const CodecTable &codecs;
   wex_handle *h;
   uint32_t ws;
   uint8_t *buf;
@@ -142,6 +143,7 @@ struct Encoder {
       std::memset(buf + pos, 0, m);
     pos += m;
   }
+  const PrimCodec &codec(Prim p) const { return codecs[static_cast<size_t>(p)]; }
   void prim_array(Prim p, const uint8_t *elems, uint32_t count) {
     const PrimCodec &c = codec(p);
     if (c.bulk_marshal) {
@@ -159,12 +161,17 @@ void marshal_fields(const TypeDesc &d, Encoder &e, const uint8_t *b, const uint8
   for (uint16_t i = 0; i < d.nfields; ++i) {
     const FieldDesc &f = d.fields[i];
     const uint8_t *at = b + f.offset;
+    if (!states && f.run_fields > 1 && e.codec(f.prim).bulk_marshal) {
+      e.prim_array(f.prim, at, f.run_elems);
+      i = static_cast<uint16_t>(i + f.run_fields - 1);
+      continue;
+    }
     switch (f.kind) {
       case FieldKind::Count:  // travels without a state byte of its own
-        e.pos += codec(f.prim).marshal(e.h, e.ws, e.buf + e.pos, at, e.room(), e.err);
+        e.pos += e.codec(f.prim).marshal(e.h, e.ws, e.buf + e.pos, at, e.room(), e.err);
         continue;
       case FieldKind::Prim:
-        e.pos += codec(f.prim).marshal(e.h, e.ws, e.buf + e.pos, at, e.room(), e.err);
+        e.pos += e.codec(f.prim).marshal(e.h, e.ws, e.buf + e.pos, at, e.room(), e.err);
         break;
       case FieldKind::Enum:
       case FieldKind::Selector:
@@ -223,6 +230,7 @@ void marshal_fields(const TypeDesc &d, Encoder &e, const uint8_t *b, const uint8
 // ---- unmarshal ----
 
 struct Decoder {
+  const CodecTable &codecs;
   wex_handle *h;
   uint32_t ws;
   const uint8_t *buf;
@@ -244,6 +252,7 @@ struct Decoder {
     if (copy && dst) std::memcpy(dst, buf + pos, m);
     pos += m;
   }
+  const PrimCodec &codec(Prim p) const { return codecs[static_cast<size_t>(p)]; }
   void prim_array(Prim p, uint8_t *elems, uint32_t count) {
     const PrimCodec &c = codec(p);
     if (c.bulk_unmarshal) {
@@ -287,13 +296,18 @@ bool unmarshal_fields(const TypeDesc &d, Decoder &dc, uint8_t *b, uint8_t *area)
   for (uint16_t i = 0; i < d.nfields; ++i) {
     const FieldDesc &f = d.fields[i];
     uint8_t *at = b + f.offset;
+    if (!dc.copy && !dc.skip && f.run_fields > 1 && dc.codec(f.prim).bulk_unmarshal) {
+      dc.prim_array(f.prim, at, f.run_elems);
+      i = static_cast<uint16_t>(i + f.run_fields - 1);
+      continue;
+    }
     switch (f.kind) {
       case FieldKind::Count:
         k0 = load_u32(at);
-        dc.pos += codec(f.prim).unmarshal(dc.h, dc.ws, dc.buf + dc.pos, at, dc.left(), dc.reuse, dc.err);
+        dc.pos += dc.codec(f.prim).unmarshal(dc.h, dc.ws, dc.buf + dc.pos, at, dc.left(), dc.reuse, dc.err);
         continue;  // a count has no state byte of its own
       case FieldKind::Prim:
-        dc.pos += codec(f.prim).unmarshal(dc.h, dc.ws, dc.buf + dc.pos, at, dc.left(), dc.reuse, dc.err);
+        dc.pos += dc.codec(f.prim).unmarshal(dc.h, dc.ws, dc.buf + dc.pos, at, dc.left(), dc.reuse, dc.err);
         break;
       case FieldKind::Enum:
       case FieldKind::Selector:
@@ -331,6 +345,7 @@ bool unmarshal_fields(const TypeDesc &d, Decoder &dc, uint8_t *b, uint8_t *area)
         dc.state_byte(st(f.sttr));
         continue;
     }
+    if (!dc.copy && !dc.skip) continue;
     dc.state_byte(st(f.sttr));
     if (f.kind == FieldKind::FixedArray || f.kind == FieldKind::RecordArray)
       dc.state_bytes(area ? area + f.sttr_elems : nullptr, f.count);
@@ -340,12 +355,13 @@ bool unmarshal_fields(const TypeDesc &d, Decoder &dc, uint8_t *b, uint8_t *area)
 
 }  // namespace
 
-bool bulk_codecs_in_use() { return codec(Prim::U8).bulk_marshal != nullptr; }
+bool bulk_codecs_in_use() { return codecs()[static_cast<size_t>(Prim::U8)].bulk_marshal != nullptr; }
 
 uint32_t record_len(const TypeDesc &d, wex_handle *h, uint32_t ws, const void *inst) {
   int8_t v = wex_get_instance_variant(inst, 1, 0);
   bool states = tracking_on(h) && inst && v >= 0;
   if (!inst || v < 0) return 6;
+  if (d.wire_len_off) return states ? d.wire_len_on : d.wire_len_off;
   uint32_t n = 6;
   for (uint16_t i = 0; i < d.nfields; ++i) n += field_len(d.fields[i], h, ws, d, bytes(inst), states);
   return n;
@@ -354,7 +370,7 @@ uint32_t record_len(const TypeDesc &d, wex_handle *h, uint32_t ws, const void *i
 uint32_t record_marshal(const TypeDesc &d, wex_handle *h, uint32_t ws, uint8_t *buf,
                         const void *inst, int32_t len, uint32_t *err, bool clone) {
   if (!codec_begin(h, err, inst, len)) return 0;
-  Encoder e{h, ws, buf, len, err};
+  Encoder e{codecs(), h, ws, buf, len, err};
   int8_t v = wex_get_instance_variant(inst, 1, 0);
   int8_t dv = wex_domain_lookup_variant(h, &h->domain, wex_get_manifested_type_info(inst), err);
   if (!clone && v > dv) {
@@ -395,8 +411,7 @@ uint32_t record_marshal(const TypeDesc &d, wex_handle *h, uint32_t ws, uint8_t *
 uint32_t record_unmarshal(const TypeDesc &d, wex_handle *h, uint32_t ws, const uint8_t *buf,
                           void *inst, int32_t len, uint32_t reuse, uint32_t *err) {
   if (!codec_begin(h, err, inst, len)) return 0;
-  ensure_trace_module();
-  Decoder dc{h, ws, buf, len, reuse, err};
+  Decoder dc{codecs(), h, ws, buf, len, reuse, err};
   int8_t v = 0;
   uint8_t rflags = 0;
   uint32_t got = _wex_instance_variant_unmarshal(h, ws, buf, &v, len, err);

@@ -312,7 +312,7 @@ std::string emit_tables(const Schema &s) {
           << f.elem_size << ", " << f.sttr << ", " << f.sttr_elems << ", " << f.sttr_areas << ", "
           << f.sttr_ptr << ", " << (f.type ? "&td_" + f.type->name : "nullptr") << ", " << f.link
           << ", " << (f.in_get_all ? "true" : "false") << ", " << (f.in_set_all ? "true" : "false")
-          << "},\n";
+          << ", " << f.run_fields << ", " << f.run_elems << "},\n";
       }
       o << "};\n";
     }
@@ -340,7 +340,8 @@ std::string emit_tables(const Schema &s) {
       << (t.literals.empty() ? "nullptr" : "lit_" + t.name) << ", " << t.literals.size() << ", "
       << (t.shifted ? "true" : "false") << ", "
       << (t.kind == TypeKind::Flags ? (t.literals.size() + 7) / 8 : 0) << ", "
-      << (t.members.empty() ? "nullptr" : "mem_" + t.name) << ", " << t.members.size() << "};\n\n";
+      << (t.members.empty() ? "nullptr" : "mem_" + t.name) << ", " << t.members.size() << ", "
+      << t.wire_len_off << ", " << t.wire_len_on << "};\n\n";
   }
   o << "}  // namespace bix::gen\n\nnamespace bix {\n";
   o << "const TypeDesc *const kAllTypes[] = {\n";

@@ -48,6 +48,55 @@ bool ensure(Schema &s, const Type *m, std::set<std::string> &busy, std::set<std:
   return layout_record(s, mt, busy, done);
 }
 
+// Runs of primitive scalars and arrays of one primitive kind that lie back to back.
+void compute_runs(Type &t) {
+  auto in_run = [](const Field &f) { return f.kind == FieldKind::Prim || f.kind == FieldKind::FixedArray; };
+  auto elems = [](const Field &f) { return f.kind == FieldKind::Prim ? 1u : f.count; };
+  for (size_t i = 0; i < t.fields.size(); ++i) {
+    Field &f = t.fields[i];
+    f.run_fields = 1, f.run_elems = in_run(f) ? elems(f) : 1;
+    if (!in_run(f)) continue;
+    uint32_t end = f.offset + f.size;
+    for (size_t j = i + 1; j < t.fields.size(); ++j) {
+      const Field &g = t.fields[j];
+      if (!in_run(g) || g.prim != f.prim || g.offset != end) break;
+      ++f.run_fields, f.run_elems += elems(g), end = g.offset + g.size;
+    }
+  }
+}
+
+// The encoded length of records whose encoding has no instance-dependent part: prefix,
+// fields, and one state byte per field plus one per array element when tracking is on.
+void compute_wire_len(Type &t) {
+  uint32_t off = 6, on = 6;
+  for (const Field &f : t.fields) {
+    uint32_t w = prim_size(f.prim);
+    switch (f.kind) {
+      case FieldKind::Prim: off += w, on += w + 1; break;
+      case FieldKind::Count: off += w, on += w; break;
+      case FieldKind::Enum:
+      case FieldKind::Selector: off += 5, on += 6; break;
+      case FieldKind::Flags: {
+        uint32_t n = 5 + (static_cast<uint32_t>(f.type->literals.size()) + 7) / 8;
+        off += n, on += n + 1;
+        break;
+      }
+      case FieldKind::Record:
+        if (!f.type->wire_len_off) return;
+        off += f.type->wire_len_off, on += f.type->wire_len_on + 1;
+        break;
+      case FieldKind::FixedArray: off += w * f.count, on += w * f.count + 1 + f.count; break;
+      case FieldKind::RecordArray:
+        if (!f.type->wire_len_off) return;
+        off += f.type->wire_len_off * f.count, on += f.type->wire_len_on * f.count + 1 + f.count;
+        break;
+      case FieldKind::VarArray:
+      case FieldKind::UnionAlt: return;
+    }
+  }
+  t.wire_len_off = off, t.wire_len_on = on;
+}
+
 bool layout_record(Schema &s, Type &t, std::set<std::string> &busy, std::set<std::string> &done) {
   if (busy.count(t.name)) return fail(t, 0, "record contains itself");
   busy.insert(t.name);
@@ -115,6 +164,8 @@ bool layout_record(Schema &s, Type &t, std::set<std::string> &busy, std::set<std
   }
   t.computed_used = off;
   t.fixed_size = t.used + t.slop;
+  compute_wire_len(t);
+  compute_runs(t);
   t.sttr_size = st;
   busy.erase(t.name);
   done.insert(t.name);

@@ -28,6 +28,7 @@ struct Field {
   uint32_t offset = 0, size = 0, align = 1, elem_size = 0;
   uint32_t sttr = 0, sttr_elems = 0, sttr_areas = 0, sttr_ptr = 0;
   bool in_get_all = false, in_set_all = false;
+  uint32_t run_fields = 1, run_elems = 1;
 };
 
 struct Literal {
@@ -51,6 +52,7 @@ struct Type {
   uint32_t computed_used = 0, fixed_size = 0, sttr_size = 0;
   int latest_variant = 0;
   bool has_embedded = false;
+  uint32_t wire_len_off = 0, wire_len_on = 0;  // 0: depends on the instance
   std::vector<const Type *> members;  // message members (null for app_sess_hdr)
 };
 

@@ -22,7 +22,7 @@ std::vector<OpSpec> wire_ops() {
       {kOnRecord, "unmarshal", "uint32_t",
        "wex_handle *h, uint32_t ws, const uint8_t *buf, $T *inst, int32_t len, uint32_t reuse, "
        "uint32_t *err",
-       "return bix::record_unmarshal($D, h, ws, buf, inst, len, reuse, err);",
+       "bix::ensure_trace_module(); return bix::record_unmarshal($D, h, ws, buf, inst, len, reuse, err);",
        "Decode into an initialised instance; bytes consumed. Never reads past len."},
   };
 }

@@ -158,8 +158,12 @@ uint32_t array_marshal(wex_handle *h, uint8_t *pos, const void *elems, uint32_t 
   size_t fit = room > 0 ? static_cast<size_t>(room) / sizeof(T) : 0;
   size_t n = fit < count ? fit : count;
   const auto *src = static_cast<const uint8_t *>(elems);
-  for (size_t i = 0; i < n; ++i)
-    store_be<T>(pos + i * sizeof(T), load_host<T>(src + i * sizeof(T)));
+  if constexpr (sizeof(T) == 1) {
+    std::memcpy(pos, src, n);  // bytes have no order to convert
+  } else {
+    for (size_t i = 0; i < n; ++i)
+      store_be<T>(pos + i * sizeof(T), load_host<T>(src + i * sizeof(T)));
+  }
   if (n < count) wex::fail(h, err, WEX_ERR_NOROOM);
   return static_cast<uint32_t>(n * sizeof(T));
 }
@@ -176,9 +180,13 @@ uint32_t array_unmarshal(wex_handle *h, uint32_t ws, const uint8_t *pos, void *e
   size_t n = fit < count ? fit : count;
   if (n) wex::notify_write(h, ws, elems, static_cast<uint32_t>(n * sizeof(T)));
   auto *dst = static_cast<uint8_t *>(elems);
-  for (size_t i = 0; i < n; ++i) {
-    T v = load_be<T>(pos + i * sizeof(T));
-    std::memcpy(dst + i * sizeof(T), &v, sizeof v);
+  if constexpr (sizeof(T) == 1) {
+    std::memcpy(dst, pos, n);
+  } else {
+    for (size_t i = 0; i < n; ++i) {
+      T v = load_be<T>(pos + i * sizeof(T));
+      std::memcpy(dst + i * sizeof(T), &v, sizeof v);
+    }
   }
   if (n < count) wex::fail(h, err, WEX_ERR_TRUNCATED);
   return static_cast<uint32_t>(n * sizeof(T));

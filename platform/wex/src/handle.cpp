@@ -51,6 +51,10 @@ void *registry_alloc(void *ctx, uint32_t, uint32_t size) {
   return p;
 }
 
+std::string_view luid_view(const char *luid_text) {
+  return std::string_view(luid_text, strnlen(luid_text, sizeof(wex_type_info{}.luid_text) - 1));
+}
+
 std::string luid_key(const char *luid_text) {
   return std::string(luid_text, strnlen(luid_text, sizeof(wex_type_info{}.luid_text) - 1));
 }
@@ -277,12 +281,9 @@ int8_t wex_domain_lookup_variant(wex_handle *h, wex_domain *domain, const wex_ty
     wex::fail(h, err, WEX_ERR_INVALID);
     return -1;
   }
-  if (domain && domain->state) {
-    try {
-      auto it = domain->state->variants.find(luid_key(tinfo->luid_text));
-      if (it != domain->state->variants.end()) return it->second;
-    } catch (...) {
-    }
+  if (domain && domain->state && !domain->state->variants.empty()) {
+    auto it = domain->state->variants.find(luid_view(tinfo->luid_text));
+    if (it != domain->state->variants.end()) return it->second;
   }
   if (!tinfo->variant_info || tinfo->variant_info->count <= 0) return 0;
   return static_cast<int8_t>(tinfo->variant_info->count - 1);
@@ -296,7 +297,7 @@ int wex_domain_lookup_message_ok(wex_handle *h, wex_domain *domain, const wex_ty
   }
   if (!domain || !domain->state) return 1;
   try {
-    auto it = domain->state->messages.find(luid_key(tinfo->luid_text));
+    auto it = domain->state->messages.find(luid_view(tinfo->luid_text));
     return it == domain->state->messages.end() || it->second ? 1 : 0;
   } catch (...) {
     return 1;

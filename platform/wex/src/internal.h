@@ -20,9 +20,16 @@
   X(int32, int32_t)               \
   X(u_int32, uint32_t)
 
+// Hash of a key by its characters, usable with std::string and std::string_view alike.
+struct KeyHash {
+  using is_transparent = void;
+  size_t operator()(std::string_view k) const { return std::hash<std::string_view>{}(k); }
+};
+
 struct wex_domain_state {
-  std::unordered_map<std::string, int8_t> variants;
-  std::unordered_map<std::string, bool> messages;
+  // Keyed by LUID text; looked up with a view, so a lookup allocates nothing.
+  std::unordered_map<std::string, int8_t, KeyHash, std::equal_to<>> variants;
+  std::unordered_map<std::string, bool, KeyHash, std::equal_to<>> messages;
 };
 
 namespace wex {

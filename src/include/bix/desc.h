@@ -74,6 +74,11 @@ struct FieldDesc {
   int16_t link;           // Selector->first alternative index; UnionAlt->selector; VarArray->count
   bool in_get_all;
   bool in_set_all;
+  // Fields from this one on that lie back to back in memory with the same primitive
+  // (scalars and fixed arrays): without state bytes their encodings are one run of
+  // run_elems elements, which a bulk codec handles in one call. 1 when no run starts here.
+  uint16_t run_fields;
+  uint32_t run_elems;
 };
 
 struct LiteralDesc {
@@ -107,6 +112,10 @@ struct TypeDesc {
   // messages
   const MemberDesc *members;
   uint8_t nmembers;
+  // records: encoded length with state bytes off and on, when it does not depend on the
+  // instance (no variable array or union anywhere inside); 0 otherwise
+  uint32_t wire_len_off;
+  uint32_t wire_len_on;
 };
 
 // Generated: every type in registration-list order, null-terminated record list.
