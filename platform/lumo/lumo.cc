@@ -104,7 +104,7 @@ bool is_length_modifier(char c) {
 // could overflow snprintf's int result.
 constexpr int kMaxFieldWidth = LUMO_TEXT_MAX;
 
-// A conversion spec as read from a table text, rebuilt for snprintf with only
+// A conversion directive as read from a table text, rebuilt for snprintf with only
 // the flags the final conversion defines (C leaves e.g. "%#d" or "%05s"
 // undefined).
 struct ConversionSpec {
@@ -112,22 +112,22 @@ struct ConversionSpec {
   int width = -1;
   int precision = -1;
 
-  void build(char conv, char (&spec)[32]) const {
+  void build(char conv, char (&out)[32]) const {
     const char *allowed = "-";
     if (conv == 'd') allowed = "-+ 0";
     if (conv == 'u') allowed = "-0";
     if (conv == 'x' || conv == 'X' || conv == 'o') allowed = "-#0";
     size_t n = 0;
-    spec[n++] = '%';
+    out[n++] = '%';
     for (char f : std::string_view("-+ #0")) {
-      if (strchr(allowed, f) && flags_seen.find(f) != std::string_view::npos) spec[n++] = f;
+      if (strchr(allowed, f) && flags_seen.find(f) != std::string_view::npos) out[n++] = f;
     }
-    if (width >= 0) n += static_cast<size_t>(snprintf(spec + n, sizeof spec - n, "%d", width));
+    if (width >= 0) n += static_cast<size_t>(snprintf(out + n, sizeof out - n, "%d", width));
     if (precision >= 0 && conv != 'c') {
-      n += static_cast<size_t>(snprintf(spec + n, sizeof spec - n, ".%d", precision));
+      n += static_cast<size_t>(snprintf(out + n, sizeof out - n, ".%d", precision));
     }
-    spec[n++] = conv;
-    spec[n] = '\0';
+    out[n++] = conv;
+    out[n] = '\0';
   }
 };
 
@@ -142,7 +142,7 @@ int read_number(const char *&q) {
 }
 
 // Formats `fmt` consuming `args` in order. Only conversions we understand
-// reach snprintf, with a spec we rebuilt and an argument of the matching C
+// reach snprintf, with a directive we rebuilt and an argument of the matching C
 // type, so a table text can never make snprintf read a wrong-typed vararg.
 void format_trace(TextBuffer &out, const char *fmt, const Arg *args, size_t nargs) {
   size_t next_arg = 0;
@@ -174,7 +174,7 @@ void format_trace(TextBuffer &out, const char *fmt, const Arg *args, size_t narg
     bool integer_conv = conv == 'd' || conv == 'i' || conv == 'u' || conv == 'x' || conv == 'X' ||
                         conv == 'o' || conv == 'c';
     if ((!integer_conv && conv != 's') || next_arg >= nargs) {
-      // Unknown or unsatisfiable: show the spec as written and carry on
+      // Unknown or unsatisfiable: show the directive as written and carry on
       // after it (a trailing lone '%' is copied as is).
       const char *end = conv ? q + 1 : q;
       out.append(pct, static_cast<size_t>(end - pct));

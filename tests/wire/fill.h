@@ -20,8 +20,10 @@ inline uint8_t *area_of(wex_handle *h, void *inst, const bixfacts::Type &t) {
   return (b[10] & 0x40) ? b + wexlib_get_sttr_offset(h, 0, inst) : b + t.fixed_size;
 }
 
-// `seed` varies the values; `alt` picks the union alternative (1..7).
-inline void fill(Handle &h, const std::string &type, void *inst, uint8_t seed, uint32_t alt = 1) {
+// `seed` varies the values; `alt` picks the union alternative (1..7); `var_len` sets the
+// variable array's length (0: derived from the seed).
+inline void fill(wex_handle *h, const std::string &type, void *inst, uint8_t seed, uint32_t alt = 1,
+                 uint32_t var_len = 0) {
   const bixfacts::Type &t = *facts_type(type);
   uint8_t *b = static_cast<uint8_t *>(inst);
   const bool tracked = b[10] & 0x08;
@@ -46,17 +48,18 @@ inline void fill(Handle &h, const std::string &type, void *inst, uint8_t seed, u
       at[11] = next();
       at[12] = next() & 0x1F;
     } else if (kind == "Record") {
-      fill(h, f.member, at, next(), alt);
+      fill(h, f.member, at, next(), alt, var_len);
     } else if (kind == "RecordArray") {
-      for (uint32_t k = 0; k < f.count; ++k) fill(h, f.member, at + k * f.elem_size, next(), alt);
+      for (uint32_t k = 0; k < f.count; ++k) fill(h, f.member, at + k * f.elem_size, next(), alt, var_len);
     } else if (kind == "Count") {
       // set with the variable array below
     } else if (kind == "VarArray") {
-      uint32_t k = 5 + seed % 7;
+      uint32_t k = var_len ? var_len : 5 + seed % 7;
       auto *data = static_cast<uint8_t *>(h->allocate(h->alloc_ctx, 0, k));
       for (uint32_t i = 0; i < k; ++i) data[i] = next();
       std::memcpy(at, &data, sizeof data);
-      std::memcpy(b + 20, &k, 4);  // the count field `size`
+      for (const auto &c : bixfacts::kFields)  // the count field named by the array
+        if (type == c.type && std::string(c.kind) == "Count") std::memcpy(b + c.offset, &k, 4);
       if (area) {
         auto *states = static_cast<uint8_t *>(h->allocate(h->alloc_ctx, 0, k));
         for (uint32_t i = 0; i < k; ++i) states[i] = next();
@@ -65,7 +68,7 @@ inline void fill(Handle &h, const std::string &type, void *inst, uint8_t seed, u
     } else if (kind == "UnionAlt" && f.count == alt) {
       using CreateFn = void *(*)(wex_handle *, uint32_t);
       void *a = op<CreateFn>(f.member, "create")(h, 0);
-      fill(h, f.member, a, next(), alt);
+      fill(h, f.member, a, next(), alt, var_len);
       std::memcpy(at, &a, sizeof a);
     }
     if (area) {
