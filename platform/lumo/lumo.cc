@@ -182,22 +182,22 @@ void format_trace(TextBuffer &out, const char *fmt, const Arg *args, size_t narg
       continue;
     }
     const Arg &arg = args[next_arg++];
-    char spec[32];
+    char directive[32];
     if (arg.is_string) {
-      cs.build('s', spec);
-      out.append_formatted(spec, arg.str ? arg.str : "(null)");
+      cs.build('s', directive);
+      out.append_formatted(directive, arg.str ? arg.str : "(null)");
     } else if (conv == 's') {
-      cs.build('u', spec);
-      out.append_formatted(spec, static_cast<unsigned>(arg.num));
+      cs.build('u', directive);
+      out.append_formatted(directive, static_cast<unsigned>(arg.num));
     } else if (conv == 'd' || conv == 'i') {
-      cs.build('d', spec);
-      out.append_formatted(spec, static_cast<int>(static_cast<int32_t>(arg.num)));
+      cs.build('d', directive);
+      out.append_formatted(directive, static_cast<int>(static_cast<int32_t>(arg.num)));
     } else if (conv == 'c') {
-      cs.build('c', spec);
-      out.append_formatted(spec, static_cast<int>(static_cast<unsigned char>(arg.num)));
+      cs.build('c', directive);
+      out.append_formatted(directive, static_cast<int>(static_cast<unsigned char>(arg.num)));
     } else {
-      cs.build(conv, spec);
-      out.append_formatted(spec, static_cast<unsigned>(arg.num));
+      cs.build(conv, directive);
+      out.append_formatted(directive, static_cast<unsigned>(arg.num));
     }
     p = q + 1;
   }
