@@ -1,361 +1,168 @@
 // Embedded records and flag sets, record arrays, union alternatives and whole-record set.
-#include <sstream>
-
 #include "access_support.h"
 
 using namespace acc;
 
 namespace {
 
-// Writes a recognisable value into the first primitive field of a record instance
-// through its own accessor; returns that field.
-const Field &touch(wex_handle *h, const std::string &type, uint8_t *inst) {
-  const Field &p = *fields("Prim", type.c_str()).at(0);
-  uint32_t err = 0;
-  by_prim(p.prim, [&](auto v) { call(p, "set_value", h, 0u, inst, v, &err); });
-  return p;
-}
-bool same_field(const Field &p, const uint8_t *a, const uint8_t *b) {
-  bool same = false;
-  by_prim(p.prim, [&](auto v) { same = std::memcmp(a + p.offset, b + p.offset, sizeof v) == 0; });
-  return same;
-}
-
-TEST(Exports, EveryAccessorOfEveryFieldAndRecord) {
-  const std::string scalar = "get get_value set set_value state_flag_get state_flag_set",
-                    array = "get get_value get_mem set set_value set_mem set_mem_cr state_flag_get state_flag_set "
-                            "state_flag_get_arr state_flag_set_arr state_flag_whole_get state_flag_whole_set";
-  const std::map<std::string, std::string> by_kind = {
-      {"Prim", scalar}, {"Enum", scalar}, {"Selector", scalar}, {"Count", "get get_value"},
-      {"Flags", "get set state_flag_get state_flag_set"}, {"Record", "get set state_flag_get state_flag_set"},
-      {"FixedArray", array}, {"VarArray", array + " set_cr remove_elements"},
-      {"RecordArray", "get set state_flag_get state_flag_get_arr state_flag_set state_flag_set_arr "
-                      "state_flag_whole_get state_flag_whole_set"},
-      {"UnionAlt", "get get_detach set set_cr state_flag_get state_flag_set"}};
-  size_t n = 0;
-  auto expect = [&](const std::string &name) {
-    EXPECT_NE(dlsym(RTLD_DEFAULT, name.c_str()), nullptr) << name;
-    ++n;
-  };
-  for (auto &f : bixfacts::kFields) {
-    std::istringstream ops(by_kind.at(f.kind));
-    for (std::string s; ops >> s;) expect(std::string(f.type) + "_" + f.name + "_" + s);
-  }
-  for (auto &t : bixfacts::kTypes)
-    if (std::string(t.kind) == "type") {
-      expect(std::string(t.name) + "_get");
-      expect(std::string(t.name) + "_set");
-    }
-  EXPECT_EQ(n, 1451u);
-}
-
-TEST(EmbeddedRecords, SetCopiesContentAndStateIntoThePlacedMember) {
-  Handle h(WEX_STTR_ON);
-  auto records = fields("Record");
-  EXPECT_EQ(records.size(), 6u);
-  for (const Field *f : records) {
-    SCOPED_TRACE(std::string(f->type) + "." + f->name);
+TEST_F(Access, EmbeddedRecordSetCopiesContentAndStateIntoThePlacedMember) {
+  for (const Field *f : fields("Record")) {
+    SCOPED_TRACE(name_of(*f));
     uint8_t *inst = create(h, f->type), *src = create(h, f->member);
-    uint8_t *member = inst + f->offset, *st = area(inst, f->type);
-    const Field &p = touch(h, f->member, src);
-    uint32_t err = 0;
-    EXPECT_EQ(call<uint8_t *>(*f, "get", h, 0u, inst, &err), member);
-    uint8_t flags = member[10];
+    uint8_t *member = inst + f->offset, *st = area(inst, f->type), flags = member[10];
+    fill(h, f->member, src);
+    EXPECT_EQ(on<uint8_t *>(*f, "get", inst), member);
     uint32_t placed = wexlib_get_sttr_offset(h, 0, member);
-    Watch w(h);
-    call(*f, "set", h, 0u, inst, src, &err);
-    EXPECT_EQ(err, 0u);
-    EXPECT_TRUE(w.sound());
-    EXPECT_TRUE(same_field(p, member, src));
-    EXPECT_EQ(member[10], flags);  // still nested, tracked and placed in the parent's area
-    EXPECT_EQ(wexlib_get_sttr_offset(h, 0, member), placed);
-    EXPECT_EQ(st[f->sttr], 2);
+    EXPECT_TRUE(watched([&] { on(*f, "set", inst, src); }));
+    EXPECT_TRUE(same_content(member, src, f->member));
+    // still nested, tracked and placed in the parent's area
+    EXPECT_EQ(V({member[10], wexlib_get_sttr_offset(h, 0, member)}), V({flags, placed}));
+    EXPECT_EQ(V({on<uint8_t>(*f, "state_flag_get", inst), err}), V({2, 0}));
     // the member's state bytes are the source's, at their place inside the parent's area
     EXPECT_EQ(std::memcmp(st + f->sttr_elems, area(src, f->member), type_of(f->member).sttr_size), 0);
-    EXPECT_EQ(call<uint8_t>(*f, "state_flag_get", h, 0u, inst, &err), 2);
-    destroy(h, f->member, src);
-    destroy(h, f->type, inst);
+    EXPECT_EQ(V({code(*f, "state_flag_set", inst, uint8_t{0x21}), st[f->sttr]}), V({0, 0x21}));
+    for (auto [t, p] : {std::pair(f->member, src), {f->type, inst}}) destroy(h, t, p);
   }
-  EXPECT_TRUE(h.live.empty());
-}
-
-TEST(EmbeddedRecords, FlagSetFieldCopiesTheFlags) {
-  Handle h(WEX_STTR_ON);
-  uint32_t err = 0;
-  auto *x = ipc_shim_xcvr_data_create(h, 0);
+  EXPECT_EQ(fields("Record").size(), 6u);
+  auto *x = ipc_shim_xcvr_data_create(h, 0);  // the flag-set field copies the flags
   auto *bits = wex_xcvr_status_bitmap_create(h, 0);
   wex_xcvr_status_bitmap_set_value(h, 0, bits, 9, 1, &err);
   ipc_shim_xcvr_data_status_set(h, 0, x, bits, &err);
-  EXPECT_EQ(err, 0u);
   EXPECT_EQ(ipc_shim_xcvr_data_status_get(h, 0, x, &err), &x->status);
-  EXPECT_EQ(x->status.bits[1], 0x02);
-  EXPECT_EQ(reinterpret_cast<uint8_t *>(x)[184 + 7], 2);
+  EXPECT_EQ(V({x->status.bits[1], reinterpret_cast<uint8_t *>(x)[184 + 7], err}), V({0x02, 2, 0}));
+  ipc_shim_xcvr_data_status_state_flag_set(h, 0, x, 0x31, &err);
+  EXPECT_EQ(V({ipc_shim_xcvr_data_status_state_flag_get(h, 0, x, &err), err}), V({0x31, 0}));
   wex_xcvr_status_bitmap_destroy(h, 0, bits);
   ipc_shim_xcvr_data_destroy(h, 0, x);
+  EXPECT_TRUE(h.live.empty());
 }
 
-TEST(RecordArrays, ElementsBoundsAndStateBytesOfEveryArray) {
-  Handle h(WEX_STTR_ON);
-  Traces tr;
-  auto arrays = fields("RecordArray");
-  EXPECT_EQ(arrays.size(), 4u);
+TEST_F(Access, RecordArraysElementsBoundsAndStateBytes) {
   uint8_t *inst = create(h, "wex_bix_env_sensor_table"), *st = area(inst, "wex_bix_env_sensor_table");
-  for (const Field *f : arrays) {
+  for (const Field *f : fields("RecordArray")) {
     SCOPED_TRACE(f->name);
-    auto get = [&](uint32_t i, uint32_t *e) { return call<uint8_t *>(*f, "get", h, 0u, inst, i, e); };
-    auto set = [&](uint32_t i, uint8_t *from, uint32_t *e) { call(*f, "set", h, 0u, inst, i, from, e); };
-    const uint32_t n = f->count, elem_area = type_of(f->member).sttr_size;
-    uint8_t *src = create(h, f->member);
-    const Field &p = touch(h, f->member, src);
-    uint32_t err = 0;
-    EXPECT_EQ(get(n - 1, &err), inst + f->offset + (n - 1) * f->elem_size);
-    {
-      Watch w(h);
-      set(n, src, &err);
-      EXPECT_EQ(err, 2u);
-      err = 0;
-      EXPECT_EQ(get(n, &err), nullptr);
-      EXPECT_EQ(err, 2u);
-      err = 0;
-      set(0, nullptr, &err);
-      EXPECT_EQ(err, 0u);
-      EXPECT_EQ(w.writes(), 0u);
-    }
-    err = 0;
-    uint32_t i = n - 1;
-    set(i, src, &err);
-    EXPECT_EQ(err, 0u);
-    EXPECT_TRUE(same_field(p, get(i, &err), src));
-    EXPECT_EQ(st[f->sttr], 2);
-    EXPECT_EQ(st[f->sttr_elems + i], 2);
-    EXPECT_EQ(std::memcmp(st + f->sttr_areas + i * elem_area, area(src, f->member), elem_area), 0);
+    const uint32_t n = f->count, last = n - 1, elem_area = type_of(f->member).sttr_size;
+    uint8_t *src = create(h, f->member), *bare = untracked(f->member), *elem = inst + f->offset + last * f->elem_size;
+    for (uint8_t *p : {src, bare}) fill(h, f->member, p);  // bare: stored, then refused marking
+    EXPECT_TRUE(watched([&] {
+      EXPECT_EQ(V({code(*f, "set", inst, n, src), code<uint8_t *>(*f, "get", inst, n),
+                   code<uint8_t>(*f, "state_flag_get", inst, n), code(*f, "state_flag_set", inst, n, uint8_t{1}),
+                   code(*f, "set", inst, 0u, static_cast<uint8_t *>(nullptr))}),
+                V({2, 2, 2, 2, 0}));
+    }, Bytes{}));
+    EXPECT_EQ(V({code(*f, "set", inst, last, src), on<uint8_t>(*f, "state_flag_get", inst, last), st[f->sttr]}),
+              V({0, 2, 2}));
+    EXPECT_EQ(on<uint8_t *>(*f, "get", inst, last), elem);
+    EXPECT_TRUE(same_content(elem, src, f->member));
+    EXPECT_EQ(std::memcmp(st + f->sttr_areas + last * elem_area, area(src, f->member), elem_area), 0);
 
-    // A source without state area is copied, then refused for marking.
-    Handle plain;
-    uint8_t *bare = create(plain, f->member);
-    touch(plain, f->member, bare);
-    st[f->sttr] = 0;
-    set(0, bare, &err);
-    EXPECT_EQ(err, 22u);
-    EXPECT_TRUE(tr.has(LUMO_LEVEL_ERROR, "The val object is not state tracked"));
-    err = 0;
-    EXPECT_TRUE(same_field(p, get(0, &err), bare));
+    st[f->sttr] = 0;  // a source without state area is copied, then refused for marking
+    tr.lines.clear();
+    EXPECT_EQ(code(*f, "set", inst, 0u, bare), 22u);
+    EXPECT_EQ(tr.lines, (Lines{{LUMO_LEVEL_ERROR, "The val object is not state tracked"}}));
+    EXPECT_TRUE(same_content(inst + f->offset, bare, f->member));
     EXPECT_EQ(st[f->sttr], 0);
-    destroy(plain, f->member, bare);
-
-    // per-element and whole state bytes
-    std::vector<uint8_t> flags(n, 0x5A);
-    call(*f, "state_flag_set_arr", h, 0u, inst, static_cast<const uint8_t *>(flags.data()), n, &err);
-    uint8_t *got = nullptr;
-    call(*f, "state_flag_get_arr", h, 0u, inst, &got, &err);
-    EXPECT_EQ(got, st + f->sttr_elems);
-    EXPECT_EQ(std::memcmp(got, flags.data(), n), 0);
-    call(*f, "state_flag_whole_set", h, 0u, inst, uint8_t{7}, &err);
-    EXPECT_EQ(call<uint8_t>(*f, "state_flag_whole_get", h, 0u, inst, &err), 7);
-    EXPECT_EQ(call<uint8_t>(*f, "state_flag_get", h, 0u, inst, 0u, &err), 0x5A);
-    EXPECT_EQ(err, 0u);
-    destroy(h, f->member, src);
+    EXPECT_EQ(V({code(*f, "state_flag_set", inst, last, uint8_t{0x11}), st[f->sttr_elems + last]}), V({0, 0x11}));
+    array_states(*f, inst, n, st + f->sttr_elems, st + f->sttr);
+    for (uint8_t *m : {src, bare}) destroy(h, f->member, m);
   }
-  // golden: temp's whole byte 1, element bytes 2..13, element areas of 7 bytes from 14
-  auto *table = reinterpret_cast<wex_bix_env_sensor_table *>(inst);
-  const Field &temp = *fields("RecordArray")[0];
-  EXPECT_EQ(temp.sttr, 1u);
-  EXPECT_EQ(temp.sttr_elems, 2u);
-  EXPECT_EQ(temp.sttr_areas, 14u);
-  uint32_t err = 0;
-  wex_bix_env_sensor_table_temp_state_flag_set(h, 0, table, 11, 0x11, &err);
-  EXPECT_EQ(st[13], 0x11);
-  wex_bix_env_temp_sensor_info_reading_valid_set_value(h, 0, &table->temp[1], 1, &err);
-  EXPECT_EQ(st[14 + 7 + 6], 2);
-  EXPECT_EQ(wex_bix_env_sensor_table_power_get(h, 0, table, 1, &err), nullptr);
-  EXPECT_EQ(err, 2u);
+  EXPECT_EQ(fields("RecordArray").size(), 4u);
   destroy(h, "wex_bix_env_sensor_table", inst);
   EXPECT_TRUE(h.live.empty());
 }
 
-const Field &selector(const Field &alt) { return *fields("Selector", alt.type).at(0); }
-uint32_t selector_of(const uint8_t *inst, const Field &alt) {
-  return *reinterpret_cast<const uint32_t *>(inst + selector(alt).offset + 12);
-}
-uint8_t *slot_of(uint8_t *inst, const Field &alt) { return *reinterpret_cast<uint8_t **>(inst + alt.offset); }
-
-TEST(UnionAlternatives, SetSelectsDetachHandsOverOwnership) {
-  Handle h(WEX_STTR_ON);
+TEST_F(Access, UnionAlternativeSetSelectsDetachHandsOverOwnership) {
   auto alts = fields("UnionAlt");
   ASSERT_EQ(alts.size(), 14u);
   for (size_t k = 0; k < alts.size(); ++k) {
     const Field &f = *alts[k], &other = *alts[k % 7 == 6 ? k - 1 : k + 1];
-    SCOPED_TRACE(std::string(f.type) + "." + f.name);
-    uint8_t *inst = create(h, f.type), *st = area(inst, f.type);
-    uint8_t *m = create(h, f.member);
-    uint32_t err = 0;
-    EXPECT_EQ(call<uint8_t *>(f, "get", h, 0u, inst, &err), nullptr);
-    Watch w(h);
-    call(f, "set", h, 0u, inst, m, &err);
-    EXPECT_EQ(err, 0u);
-    EXPECT_EQ(slot_of(inst, f), m);
-    EXPECT_EQ(selector_of(inst, f), f.count);
-    EXPECT_EQ(st[f.sttr], 2);
-    EXPECT_EQ(w.notified(), range(inst + f.offset, 8) + range(inst + selector(f).offset + 12, 4) +
-                                range(st + f.sttr, 1));
-    EXPECT_EQ(call<uint8_t *>(f, "get", h, 0u, inst, &err), m);
-    // not selected: nothing happens
-    EXPECT_EQ(call<uint8_t *>(other, "get_detach", h, 0u, inst, &err), nullptr);
-    EXPECT_EQ(slot_of(inst, f), m);
-    EXPECT_EQ(err, 0u);
-    EXPECT_EQ(call<uint8_t *>(f, "get_detach", h, 0u, inst, &err), m);
-    EXPECT_EQ(slot_of(inst, f), nullptr);
-    EXPECT_EQ(selector_of(inst, f), 0u);
-    EXPECT_EQ(st[f.sttr], 0);
+    SCOPED_TRACE(name_of(f));
+    uint8_t *inst = create(h, f.type), *st = area(inst, f.type), *m = create(h, f.member);
+    uint8_t *&slot = *reinterpret_cast<uint8_t **>(inst + f.offset);
+    uint32_t &selected = *reinterpret_cast<uint32_t *>(inst + fields("Selector", f.type).at(0)->offset + 12);
+    EXPECT_EQ(on<uint8_t *>(f, "get", inst), nullptr);
+    EXPECT_TRUE(watched([&] { on(f, "set", inst, m); }, range(&slot, 8) + range(&selected, 4) + range(st + f.sttr, 1)));
+    EXPECT_EQ(std::tuple(slot, selected, on<uint8_t>(f, "state_flag_get", inst), on<uint8_t *>(f, "get", inst)),
+              std::tuple(m, f.count, uint8_t{2}, m));
+    // not selected: nothing happens; selected: handed over, the selection and state byte cleared
+    EXPECT_EQ((std::tuple{on<uint8_t *>(other, "get_detach", inst), slot, err}), std::tuple(nullptr, m, 0u));
+    EXPECT_EQ((std::tuple{on<uint8_t *>(f, "get_detach", inst), slot, selected, st[f.sttr]}),
+              std::tuple(m, nullptr, 0u, uint8_t{0}));
+    EXPECT_EQ(V({code(f, "state_flag_set", inst, uint8_t{0x61}), st[f.sttr]}), V({0, 0x61}));
     destroy(h, f.member, m);
 
-    // set_cr; then a member without state area is stored but reported
-    h.set_mode(0);
-    uint8_t *bare = create(h, f.member);
-    h.set_mode(WEX_STTR_ON);
-    EXPECT_EQ(call<uint32_t>(f, "set_cr", h, inst, bare), 22u);
-    EXPECT_EQ(slot_of(inst, f), bare);
-    h->error = 0;
-    destroy(h, f.type, inst);  // the parent owns and frees it
+    // set_cr of a member without state area: stored but reported; the parent owns and frees
+    // it, and the other alternative set after it as well
+    EXPECT_EQ(cr(f, "set_cr", inst, untracked(f.member)), 22u);
+    on(other, "set", inst, create(h, other.member));
+    EXPECT_NE(slot, nullptr);
+    destroy(h, f.type, inst);
   }
-  EXPECT_TRUE(h.live.empty());
-}
-
-TEST(UnionAlternatives, GoldenStateBytesAndOwnership) {
-  Handle h(WEX_STTR_ON);
-  uint32_t err = 0;
-  auto *s = wex_xcvr_status_info_create(h, 0);
-  uint8_t *st = reinterpret_cast<uint8_t *>(s) + 592;
-  wex_xcvr_status_info_sfp_sensors_set(h, 0, s, wex_sfp_env_mon_create(h, 0), &err);
-  wex_xcvr_status_info_nosfp_data_set(h, 0, s, wex_nosfp_dummy_create(h, 0), &err);
-  EXPECT_EQ(st[438], 2);
-  EXPECT_EQ(st[444], 2);
-  EXPECT_EQ(s->xcvr_type.value, 7u);  // the last one set selects
-  EXPECT_NE(s->sfp_sensors, nullptr);
-  wex_xcvr_status_info_destroy(h, 0, s);  // frees both, selected or not
-  auto *i = wex_xcvr_idprom_info_create(h, 0);
-  wex_xcvr_idprom_info_sfpplus_idprom_set(h, 0, i, wex_dev_sfp_info_create(h, 0), &err);
-  EXPECT_EQ(reinterpret_cast<uint8_t *>(i)[584 + 440], 2);
-  EXPECT_EQ(i->xcvr_type.value, 4u);
-  EXPECT_EQ(wex_xcvr_idprom_info_sfp_idprom_get_detach(h, 0, i, &err), nullptr);
-  wex_xcvr_idprom_info_destroy(h, 0, i);
   EXPECT_TRUE(h.live.empty());
 
   // An untracked parent while tracking is on: nothing is detached.
-  Handle plain;
-  Traces tr;
-  auto *bare = wex_xcvr_status_info_create(plain, 0);
-  wex_xcvr_status_info_msa_sensors_set(plain, 0, bare, wex_msa_env_mon_create(plain, 0), &err);
-  plain.set_mode(WEX_STTR_ON);
-  EXPECT_EQ(wex_xcvr_status_info_msa_sensors_get_detach(plain, 0, bare, &err), nullptr);
-  EXPECT_EQ(err, 22u);
-  EXPECT_NE(bare->msa_sensors, nullptr);
-  EXPECT_TRUE(tr.has(LUMO_LEVEL_ERROR, "The object is not state tracked"));
-  plain.set_mode(0);
-  wex_xcvr_status_info_destroy(plain, 0, bare);
-  EXPECT_TRUE(plain.live.empty());
+  auto *bare = untracked<wex_xcvr_status_info>("wex_xcvr_status_info");
+  untracking([&] { wex_xcvr_status_info_msa_sensors_set(h, 0, bare, wex_msa_env_mon_create(h, 0), &err); });
+  tr.lines.clear();
+  EXPECT_EQ(code([&] { EXPECT_EQ(wex_xcvr_status_info_msa_sensors_get_detach(h, 0, bare, &err), nullptr); }), 22u);
+  EXPECT_EQ(std::pair(bare->msa_sensors != nullptr, tr.lines), std::pair(true, not_tracked));
+  wex_xcvr_status_info_destroy(h, 0, bare);
+  EXPECT_TRUE(h.live.empty());
 }
 
-// ---- whole-record set ----
-
-TEST(WholeSet, EveryRecordCopiesFieldsAndStateBytes) {
-  Handle h(WEX_STTR_ON);
-  int records = 0;
+TEST_F(Access, WholeSetOfEveryRecordCopiesFieldsAndStateBytes) {
   for (auto &t : bixfacts::kTypes) {
     if (std::string(t.kind) != "type") continue;
-    ++records;
     SCOPED_TRACE(t.name);
-    uint8_t *src = create(h, t.name), *dst = create(h, t.name);
-    uint32_t err = 0;
-    for (const Field *p : fields("Prim", t.name))
-      by_prim(p->prim, [&](auto v) { call(*p, "set_value", h, 0u, src, v, &err); });
-    uint8_t flags = dst[10];
-    err = 9;
-    EXPECT_EQ(call<uint8_t *>(t.name, "get", h, 0u, dst, &err), dst);  // no check at all
-    err = 0;
-    Watch w(h);
-    call(t.name, "set", h, 0u, dst, src, &err);
-    EXPECT_EQ(err, 0u);
-    EXPECT_TRUE(w.sound());
-    EXPECT_EQ(std::memcmp(dst + 11, src + 11, t.fixed_size - 11), 0);
+    uint8_t *src = create(h, t.name), *dst = create(h, t.name), flags = dst[10];
+    fill(h, t.name, src);
+    EXPECT_EQ(call<uint8_t *>(t.name, "get", h, 0u, dst, &err), dst);
+    EXPECT_TRUE(watched([&] { EXPECT_EQ(code([&] { call(t.name, "set", h, 0u, dst, src, &err); }), 0u); }));
+    EXPECT_TRUE(same_content(dst, src, t.name));
     EXPECT_EQ(std::memcmp(area(dst, t.name), area(src, t.name), t.sttr_size), 0);
     EXPECT_EQ(dst[10], flags);
-    destroy(h, t.name, src);
-    destroy(h, t.name, dst);
+    for (uint8_t *p : {src, dst}) destroy(h, t.name, p);
   }
-  EXPECT_EQ(records, 31);
-  EXPECT_TRUE(h.live.empty());
-}
+  EXPECT_EQ(std::count_if(std::begin(bixfacts::kTypes), std::end(bixfacts::kTypes),
+                          [](auto &t) { return std::string(t.kind) == "type"; }),
+            31);
 
-TEST(WholeSet, SourceGivesUpAlternativesAndVariableStorage) {
-  Handle h(WEX_STTR_ON);
-  uint32_t err = 0;
-  auto *src = wex_xcvr_status_info_create(h, 0), *dst = wex_xcvr_status_info_create(h, 0);
+  // The source gives up its alternatives and variable storage.
+  auto *from = wex_xcvr_status_info_create(h, 0), *to = wex_xcvr_status_info_create(h, 0);
   auto *m = wex_vorn_env_mon_create(h, 0);
-  wex_xcvr_status_info_vorn_sensors_set(h, 0, src, m, &err);
+  wex_xcvr_status_info_vorn_sensors_set(h, 0, from, m, &err);
   err = 5;  // no error-slot guard: the copy happens all the same
-  wex_xcvr_status_info_set(h, 0, dst, src, &err);
-  EXPECT_EQ(err, 5u);
-  err = 0;
-  EXPECT_EQ(dst->vorn_sensors, m);
-  EXPECT_EQ(src->vorn_sensors, nullptr);
-  EXPECT_EQ(dst->xcvr_type.value, 5u);
-  wex_xcvr_status_info_destroy(h, 0, src);
-  wex_xcvr_status_info_destroy(h, 0, dst);
-
+  wex_xcvr_status_info_set(h, 0, to, from, &err);
+  EXPECT_EQ(std::tuple(err, to->vorn_sensors, from->vorn_sensors, to->xcvr_type.value),
+            std::tuple(5u, m, static_cast<wex_vorn_env_mon *>(nullptr), 5u));
+  for (auto *p : {from, to}) wex_xcvr_status_info_destroy(h, 0, p);
   auto *a = ipc_shim_data_create(h, 0), *b = ipc_shim_data_create(h, 0);
+  err = 0;
   ipc_shim_data_data_set_value(h, 0, a, 4, 0x44, &err);
   ipc_shim_data_data_set_value(h, 0, b, 1, 0x11, &err);  // replaced, so released
-  uint8_t *data = a->data, *states = var_states(a);
+  std::tuple<uint8_t *, uint32_t, uint8_t *> moved(a->data, 5u, var_states(a)), none(nullptr, 0u, nullptr);
   ipc_shim_data_set(h, 0, b, a, &err);
-  EXPECT_EQ(err, 0u);
-  EXPECT_EQ(b->data, data);
-  EXPECT_EQ(b->size, 5u);
-  EXPECT_EQ(var_states(b), states);
-  EXPECT_EQ(a->data, nullptr);
-  EXPECT_EQ(a->size, 0u);
-  EXPECT_EQ(var_states(a), nullptr);
+  EXPECT_EQ(std::tuple(b->data, b->size, var_states(b), err), std::tuple_cat(moved, std::tuple(0u)));
+  EXPECT_EQ(std::tuple(a->data, a->size, var_states(a)), none);
 
   // From a source without state area: the destination's elements start unwritten.
-  h.set_mode(0);
-  auto *c = ipc_shim_data_create(h, 0);
-  ipc_shim_data_data_set_value(h, 0, c, 2, 0x22, &err);
-  h.set_mode(WEX_STTR_ON);
+  auto *c = untracked<ipc_shim_data>("ipc_shim_data");
+  untracking([&] { ipc_shim_data_data_set_value(h, 0, c, 2, 0x22, &err); });
   ipc_shim_data_set(h, 0, b, c, &err);
-  EXPECT_EQ(b->size, 3u);
-  EXPECT_EQ(h.live.at(var_states(b)), 3u);
-  EXPECT_EQ(var_states(b)[2], 0);
+  EXPECT_EQ(V({b->size, h.live.at(var_states(b)), var_states(b)[2]}), V({3, 3, 0}));
   for (auto *d : {a, b, c}) ipc_shim_data_destroy(h, 0, d);
-  EXPECT_TRUE(h.live.empty());
-}
 
-TEST(WholeSet, DestinationWithoutStateAreaNeverGetsOne) {
-  Handle h;
-  Traces tr;
-  uint32_t err = 0;
-  auto *dst = wex_xcvr_status_info_create(h, 0);  // 592 bytes, no state area
-  h.set_mode(WEX_STTR_ON);
-  auto *src = wex_xcvr_status_info_create(h, 0);
-  wex_xcvr_status_info_status_bm_set_value(h, 0, src, 99, &err);
-  Watch w(h);
-  wex_xcvr_status_info_set(h, 0, dst, src, &err);
-  EXPECT_EQ(err, 22u);
-  EXPECT_TRUE(tr.has(LUMO_LEVEL_ERROR, "The object is not state tracked"));
-  EXPECT_TRUE(w.sound());
-  EXPECT_EQ(dst->status_bm, 99u);
-  EXPECT_EQ(dst->flags & 0x48, 0);
-  EXPECT_EQ(dst->info.flags & 0x48, 0);
-  const auto *end = reinterpret_cast<uint8_t *>(dst) + 592;
-  for (auto &wr : h.writes)
-    if (wr.addr >= reinterpret_cast<uint8_t *>(dst) && wr.addr < end) {
-      EXPECT_LE(wr.addr + wr.len, end);
-    }
+  // A destination without state area never gets one.
+  to = untracked<wex_xcvr_status_info>("wex_xcvr_status_info");
+  from = wex_xcvr_status_info_create(h, 0);
+  wex_xcvr_status_info_status_bm_set_value(h, 0, from, 99, &err);
+  tr.lines.clear();
+  EXPECT_TRUE(watched([&] { EXPECT_EQ(code([&] { wex_xcvr_status_info_set(h, 0, to, from, &err); }), 22u); },
+                      range(to, 592)));  // its 592 bytes, nothing past them
+  EXPECT_EQ(std::tuple(tr.lines, to->status_bm, (to->flags | to->info.flags) & 0x48), std::tuple(not_tracked, 99u, 0));
   // and later accessors keep treating it as untracked
-  err = 0;
-  wex_xcvr_status_info_rc_state_flag_get(h, 0, dst, &err);
-  EXPECT_EQ(err, 22u);
-  wex_xcvr_status_info_destroy(h, 0, src);
-  wex_xcvr_status_info_destroy(h, 0, dst);
+  EXPECT_EQ(code([&] { wex_xcvr_status_info_rc_state_flag_get(h, 0, to, &err); }), 22u);
+  for (auto *p : {from, to}) wex_xcvr_status_info_destroy(h, 0, p);
   EXPECT_TRUE(h.live.empty());
 }
 
