@@ -160,22 +160,30 @@ uint32_t app_sess_hdr_sizeof(wex_handle *) {
   return APP_SESS_HDR_SIZE;
 }
 
+// Common start of the encoder and decoder: nothing under a pending error, 12 for a length
+// below 1, 22 for a missing instance or buffer.
+static bool codec_begin(wex_handle *h, uint32_t *err, const void *inst, const void *pos,
+                        int32_t len) {
+  if (pending(err)) return false;
+  wex_clear_last_error(h);
+  if (len < 1) {
+    report(h, err, WEX_ERR_NOMEM);
+    return false;
+  }
+  if (!inst || !pos) {
+    report(h, err, WEX_ERR_INVALID);
+    return false;
+  }
+  return true;
+}
+
 uint32_t app_sess_hdr_len(wex_handle *, uint32_t, const void *inst) {
   return inst && as_hdr(inst)->variant < 0 ? 6 : APP_SESS_HDR_WIRE_SIZE;
 }
 
 uint32_t app_sess_hdr_marshal(wex_handle *h, uint32_t ws, uint8_t *pos, const void *inst,
                               int32_t room, uint32_t *err) {
-  if (pending(err)) return 0;
-  wex_clear_last_error(h);
-  if (room < 1) {
-    report(h, err, WEX_ERR_NOMEM);
-    return 0;
-  }
-  if (!inst || !pos) {
-    report(h, err, WEX_ERR_INVALID);
-    return 0;
-  }
+  if (!codec_begin(h, err, inst, pos, room)) return 0;
   const app_sess_hdr *hdr = as_hdr(inst);
   int8_t v = hdr->variant;
   int8_t d = wex_domain_lookup_variant(h, &h->domain, hdr->type_info, err);
@@ -205,16 +213,7 @@ uint32_t app_sess_hdr_marshal(wex_handle *h, uint32_t ws, uint8_t *pos, const vo
 
 uint32_t app_sess_hdr_unmarshal(wex_handle *h, uint32_t ws, const uint8_t *pos, void *inst,
                                 int32_t len, uint32_t, uint32_t *err) {
-  if (pending(err)) return 0;
-  wex_clear_last_error(h);
-  if (len < 1) {
-    report(h, err, WEX_ERR_NOMEM);
-    return 0;
-  }
-  if (!inst || !pos) {
-    report(h, err, WEX_ERR_INVALID);
-    return 0;
-  }
+  if (!codec_begin(h, err, inst, pos, len)) return 0;
   app_sess_hdr *hdr = as_hdr(inst);
   int8_t v = 0;
   uint8_t flags = 0;
