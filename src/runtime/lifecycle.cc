@@ -6,6 +6,9 @@
 
 BIX_EXPORT void bix_ipc_shim_typeinfo_initialize(wex_handle *h, uint32_t ws, uint32_t *err);
 
+// Optional in a runtime: tells whether its offset store ran out of memory.
+#pragma weak wex_get_last_error
+
 namespace bix {
 
 bool tracking_on(wex_handle *h) {
@@ -14,6 +17,13 @@ bool tracking_on(wex_handle *h) {
   if (p->tracking_mode == WEX_STTR_ON) return true;
   if (p->tracking_mode == WEX_STTR_OFF) return false;
   fatal(Tm::kCorruptedHandle);
+}
+
+bool is_instance_of(const TypeDesc &d, const void *inst) {
+  const wex_type_info *t = wex_get_manifested_type_info(inst);
+  if (t == d.tinfo) return t != nullptr;
+  return t && t->magic == WEX_TYPE_INFO_MAGIC &&
+         std::memcmp(t->luid, d.tinfo->luid, sizeof t->luid) == 0;
 }
 
 wex_type_info *checked_tinfo(const void *inst) {
@@ -44,9 +54,34 @@ void bump_counter(const wex_type_info *t, uint64_t *counter) {
     __atomic_fetch_add(counter, 1, __ATOMIC_SEQ_CST);
 }
 
+namespace {
+
+// An area at `off` from an instance of d must not overlap the instance's fixed part.
+// Offsets are read signed, so an area placed below the instance is reachable too.
+bool area_offset_ok(const TypeDesc &d, int64_t off) {
+  return off <= -static_cast<int64_t>(d.sttr_size) || off >= static_cast<int64_t>(d.fixed_size);
+}
+
+uint8_t *at_offset(void *inst, int64_t off) {
+  return reinterpret_cast<uint8_t *>(reinterpret_cast<uintptr_t>(inst) + static_cast<uintptr_t>(off));
+}
+
+}  // namespace
+
 uint8_t *sttr_area(wex_handle *h, uint32_t ws, const TypeDesc &d, void *inst) {
   uint8_t *b = bytes(inst);
-  return (b[kHdrFlags] & kFlagSttrOffset) ? b + wexlib_get_sttr_offset(h, ws, inst) : b + d.fixed_size;
+  const uint8_t flags = b[kHdrFlags];
+  if (!(flags & kFlagTracked)) return nullptr;
+  if (flags & kFlagSttrOffset) {
+    // An offset over the instance itself is no area at all (e.g. a runtime that does not
+    // know the instance answers 0).
+    const int64_t off = static_cast<int32_t>(wexlib_get_sttr_offset(h, ws, inst));
+    return area_offset_ok(d, off) ? at_offset(inst, off) : nullptr;
+  }
+  // A member whose parent never placed its area: right after its fixed part lie the
+  // parent's next fields, so it has none.
+  if (flags & kFlagNested) return nullptr;
+  return b + d.fixed_size;
 }
 
 int8_t variant_cap(const TypeDesc &d, int8_t v) { return v > d.latest_variant ? d.latest_variant : v; }
@@ -54,6 +89,25 @@ int8_t variant_cap(const TypeDesc &d, int8_t v) { return v > d.latest_variant ? 
 uint32_t instance_sizeof(const TypeDesc &d, wex_handle *h) {
   if (d.kind != TypeKind::Record) return d.fixed_size;
   return d.fixed_size + (tracking_on(h) ? d.sttr_size : 0);
+}
+
+bool place_sttr_area(const TypeDesc &d, wex_handle *h, uint32_t ws, void *inst, uint8_t *area,
+                     uint32_t *err) {
+  const int64_t off = static_cast<int64_t>(reinterpret_cast<uintptr_t>(area) -
+                                           reinterpret_cast<uintptr_t>(inst));
+  if (off < INT32_MIN || off > INT32_MAX || !area_offset_ok(d, off)) {
+    store_err(h, err, 22);
+    return false;
+  }
+  const uint32_t word = static_cast<uint32_t>(static_cast<int32_t>(off));
+  wex_clear_last_error(h);
+  wexlib_update_sttr_offset(h, ws, inst, word);
+  // The runtime may not have taken it (out of memory, or a handle without offset store):
+  // an instance that does not carry 0x40 would take the bytes after its fixed part, i.e.
+  // its parent's next fields, as its area.
+  if ((hdr_flags(inst) & kFlagSttrOffset) && wexlib_get_sttr_offset(h, ws, inst) == word) return true;
+  store_err(h, err, wex_get_last_error && wex_get_last_error(h) == 12 ? 12 : 22);
+  return false;
 }
 
 namespace {
@@ -129,13 +183,23 @@ void record_initialize(const TypeDesc &d, wex_handle *h, uint32_t ws, void *mem,
         return;
       }
       uint8_t *area = nullptr;
-      if (b[kHdrFlags] & kFlagSttrOffset)
-        area = b + wexlib_get_sttr_offset(h, ws, mem);
-      else if (nested)
+      if (b[kHdrFlags] & kFlagSttrOffset) {
+        if (!(area = sttr_area(h, ws, d, mem))) {  // placed over itself: unusable
+          store_err(h, err, 22);
+          return;
+        }
+      } else if (nested) {
         (void)wexlib_get_sttr_offset(h, ws, mem);  // asked, but a plain nested member places nothing
-      else
+      } else if (sttr_base) {
+        // A top-level instance whose area the caller keeps elsewhere (often only the
+        // fixed part is allocated): the runtime remembers it, so that every later
+        // access finds the area there and never past the fixed part.
+        area = static_cast<uint8_t *>(sttr_base);
+        if (!place_sttr_area(d, h, ws, mem, area, err)) return;
+      } else {
         area = b + d.fixed_size;
-      if (area && d.has_embedded) record_offset_update(d, h, ws, mem, area);
+      }
+      if (area && d.has_embedded && !record_offset_update(d, h, ws, mem, area, err)) return;
       if (!sttr_base) child_base = b + d.fixed_size;
     }
   }
@@ -304,21 +368,24 @@ void instance_set_embedded(const TypeDesc &d, wex_handle *h, uint32_t ws, void *
   mark(bytes(inst));
 }
 
-void record_offset_update(const TypeDesc &d, wex_handle *h, uint32_t ws, void *inst,
-                          uint8_t *sttr_base) {
-  if (!inst || !sttr_base) return;
+bool record_offset_update(const TypeDesc &d, wex_handle *h, uint32_t ws, void *inst,
+                          uint8_t *sttr_base, uint32_t *err) {
+  uint32_t local = 0;
+  if (!err) err = &local;
+  if (!inst || !sttr_base) return true;
   auto place = [&](const TypeDesc &md, uint8_t *member, uint32_t k) {
-    wexlib_update_sttr_offset(h, ws, member, static_cast<uint32_t>((sttr_base + k) - member));
-    if (md.has_embedded) record_offset_update(md, h, ws, member, sttr_base + k);
+    return place_sttr_area(md, h, ws, member, sttr_base + k, err) &&
+           (!md.has_embedded || record_offset_update(md, h, ws, member, sttr_base + k, err));
   };
   for (uint16_t i = 0; i < d.nfields; ++i) {
     const FieldDesc &f = d.fields[i];
     uint8_t *at = bytes(inst) + f.offset;
-    if (f.kind == FieldKind::Record) place(*f.type, at, f.sttr_elems);
+    if (f.kind == FieldKind::Record && !place(*f.type, at, f.sttr_elems)) return false;
     if (f.kind == FieldKind::RecordArray)
       for (uint32_t k = 0; k < f.count; ++k)
-        place(*f.type, at + k * f.elem_size, f.sttr_areas + k * f.type->sttr_size);
+        if (!place(*f.type, at + k * f.elem_size, f.sttr_areas + k * f.type->sttr_size)) return false;
   }
+  return true;
 }
 
 uint32_t record_is_valid_cr(const TypeDesc &d, wex_handle *h, uint32_t n) {

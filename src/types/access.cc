@@ -82,38 +82,55 @@ void adjust(const TypeDesc &d, wex_handle *h, uint32_t ws, void *inst, uint32_t 
                         d.latest_variant, err);
 }
 
-// Start of every reader: guard, clear, variant check.
-bool begin_read(const FieldDesc &f, wex_handle *h, const void *inst, uint32_t *err) {
+// An instance of another type (a cast in the caller): its memory is not laid out as d
+// says, so even reading it at d's offsets may leave its allocation. A type's null
+// instance has no type pointer and is not foreign: readers treat it as an instance.
+bool foreign(const TypeDesc &d, const void *inst) {
+  return wex_get_manifested_type_info(inst) && !is_instance_of(d, inst);
+}
+
+// Start of every reader: guard, clear, type check, variant check.
+bool begin_read(const TypeDesc &d, const FieldDesc &f, wex_handle *h, const void *inst,
+                uint32_t *err) {
   if (*err) return false;
   wex_clear_last_error(h);
+  if (foreign(d, inst)) {
+    store_err(h, err, 22);
+    return false;
+  }
   return variant_ok(f, h, inst, err);
 }
 
-// Start of every writer: guard, clear, adjust, variant check. An instance without type
-// pointer is a type's shared null instance (or a member of one): never written.
+// Start of every writer: guard, clear, adjust, variant check, type check. A type's
+// shared null instance (and every member of one) has no type pointer: never written.
 bool begin_write(const TypeDesc &d, const FieldDesc &f, wex_handle *h, uint32_t ws, void *inst,
                  uint32_t *err) {
   if (*err) return false;
   wex_clear_last_error(h);
   adjust(d, h, ws, inst, err);
   if (*err || !variant_ok(f, h, inst, err)) return false;
-  if (!wex_get_manifested_type_info(inst)) {
+  if (!is_instance_of(d, inst)) {
     store_err(h, err, 22);
     return false;
   }
   return true;
 }
 
+// The area of an instance that must have one while tracking is on: 22 and a trace when
+// it has none that can be located.
+uint8_t *required_area(const TypeDesc &d, wex_handle *h, uint32_t ws, void *inst, uint32_t *err) {
+  uint8_t *area = sttr_area(h, ws, d, inst);
+  if (!area) {
+    store_err(h, err, 22);
+    trace(Tm::kNotTracked);
+  }
+  return area;
+}
+
 // The area to mark after a store, or null when nothing is to be marked: tracking off, or
 // the instance has no area (22 and a trace; the value is stored already).
 uint8_t *marking_area(const TypeDesc &d, wex_handle *h, uint32_t ws, void *inst, uint32_t *err) {
-  if (!tracking_on(h)) return nullptr;
-  if (!is_tracked(inst)) {
-    store_err(h, err, 22);
-    trace(Tm::kNotTracked);
-    return nullptr;
-  }
-  return sttr_area(h, ws, d, inst);
+  return tracking_on(h) ? required_area(d, h, ws, inst, err) : nullptr;
 }
 
 void put_state(wex_handle *h, uint32_t ws, uint8_t *at, uint8_t value) {
@@ -131,26 +148,31 @@ bool state_mode_ok(wex_handle *h, uint32_t *err) {
   return true;
 }
 
-// Start of a state-flag reader. A null instance is refused like an untracked one.
-bool begin_state_read(wex_handle *h, const void *inst, uint32_t *err) {
-  if (*err || !state_mode_ok(h, err)) return false;
-  if (!inst || !is_tracked(inst)) {
+// Start of a state-flag operation: the instance's area, or null after 22. A null
+// pointer and an instance of another type are refused without a trace; an instance
+// without a locatable area with the reader's or the writer's trace.
+uint8_t *begin_state(const TypeDesc &d, wex_handle *h, uint32_t ws, void *inst, uint32_t *err,
+                     Tm untracked) {
+  if (*err || !state_mode_ok(h, err)) return nullptr;
+  if (!inst || foreign(d, inst)) {
     store_err(h, err, 22);
-    if (inst) trace(Tm::kNonTracked);
-    return false;
+    return nullptr;
   }
-  return true;
+  uint8_t *area = sttr_area(h, ws, d, inst);
+  if (!area) {
+    trace(untracked);
+    store_err(h, err, 22);
+  }
+  return area;
 }
-
-// Start of a state-flag writer, up to (not including) the variant steps.
-bool begin_state_write(wex_handle *h, const void *inst, uint32_t *err) {
-  if (*err || !state_mode_ok(h, err)) return false;
-  if (!inst || !is_tracked(inst)) {
-    if (inst) trace(Tm::kNotTracked);
-    store_err(h, err, 22);
-    return false;
-  }
-  return true;
+uint8_t *begin_state_read(const TypeDesc &d, wex_handle *h, uint32_t ws, void *inst,
+                          uint32_t *err) {
+  return begin_state(d, h, ws, inst, err, Tm::kNonTracked);
+}
+// Up to (not including) the variant steps.
+uint8_t *begin_state_write(const TypeDesc &d, wex_handle *h, uint32_t ws, void *inst,
+                           uint32_t *err) {
+  return begin_state(d, h, ws, inst, err, Tm::kNotTracked);
 }
 
 uint8_t *field_at(void *inst, const FieldDesc &f) { return bytes(inst) + f.offset; }
@@ -176,10 +198,8 @@ struct ElemStates {
   uint32_t n;
 };
 
-// Only for tracked instances.
-ElemStates elem_states_of(const TypeDesc &d, const FieldDesc &f, wex_handle *h, uint32_t ws,
-                          void *inst) {
-  uint8_t *area = sttr_area(h, ws, d, inst);
+// area: the instance's state-tracking area (never null).
+ElemStates elem_states_of(const TypeDesc &d, const FieldDesc &f, void *inst, uint8_t *area) {
   if (f.kind != FieldKind::VarArray) return {area + f.sttr, area + f.sttr_elems, f.count};
   uint8_t *buf = load<uint8_t *>(area + f.sttr_ptr);
   return {area + f.sttr, buf, elems_of(d, f, inst).n};
@@ -188,8 +208,9 @@ ElemStates elem_states_of(const TypeDesc &d, const FieldDesc &f, wex_handle *h, 
 // Marks the whole byte and element `index` of an array after a store into it.
 void mark_element(const TypeDesc &d, const FieldDesc &f, wex_handle *h, uint32_t ws, void *inst,
                   uint32_t index, uint32_t *err) {
-  if (!marking_area(d, h, ws, inst, err)) return;
-  ElemStates s = elem_states_of(d, f, h, ws, inst);
+  uint8_t *area = marking_area(d, h, ws, inst, err);
+  if (!area) return;
+  ElemStates s = elem_states_of(d, f, inst, area);
   put_state(h, ws, s.whole, 2);
   if (s.elems && index < s.n) put_state(h, ws, s.elems + index, 2);
 }
@@ -223,11 +244,10 @@ bool var_array_reach(const TypeDesc &d, const FieldDesc &f, wex_handle *h, uint3
 
 // Writers of a variable array refuse an untracked instance while tracking is on, before
 // anything grows.
-bool var_array_writable(const FieldDesc &f, wex_handle *h, void *inst, uint32_t *err) {
-  if (f.kind != FieldKind::VarArray || !tracking_on(h) || is_tracked(inst)) return true;
-  store_err(h, err, 22);
-  trace(Tm::kNotTracked);
-  return false;
+bool var_array_writable(const TypeDesc &d, const FieldDesc &f, wex_handle *h, uint32_t ws,
+                        void *inst, uint32_t *err) {
+  if (f.kind != FieldKind::VarArray || !tracking_on(h)) return true;
+  return required_area(d, h, ws, inst, err) != nullptr;
 }
 
 uint8_t *selector_value(const TypeDesc &d, const FieldDesc &alt, void *inst) {
@@ -238,10 +258,10 @@ uint8_t *selector_value(const TypeDesc &d, const FieldDesc &alt, void *inst) {
 
 // ---- scalars ----
 
-void *scalar_get(const TypeDesc &, const FieldDesc &f, wex_handle *h, uint32_t ws, void *inst,
+void *scalar_get(const TypeDesc &d, const FieldDesc &f, wex_handle *h, uint32_t ws, void *inst,
                  uint32_t *err) {
   BIX_SLOT(err);
-  if (!begin_read(f, h, inst, err)) return nullptr;
+  if (!begin_read(d, f, h, inst, err)) return nullptr;
   if (f.kind == FieldKind::Enum || f.kind == FieldKind::Selector) return field_at(inst, f);
   return prim_get(f.prim, h, ws, field_at(inst, f), err);
 }
@@ -287,10 +307,10 @@ void scalar_set_value(const TypeDesc &d, const FieldDesc &f, wex_handle *h, uint
 
 // ---- embedded records and flag sets ----
 
-void *member_get(const TypeDesc &, const FieldDesc &f, wex_handle *h, uint32_t, void *inst,
+void *member_get(const TypeDesc &d, const FieldDesc &f, wex_handle *h, uint32_t, void *inst,
                  uint32_t *err) {
   BIX_SLOT(err);
-  return begin_read(f, h, inst, err) ? field_at(inst, f) : nullptr;
+  return begin_read(d, f, h, inst, err) ? field_at(inst, f) : nullptr;
 }
 
 void member_set(const TypeDesc &d, const FieldDesc &f, wex_handle *h, uint32_t ws, void *inst,
@@ -306,16 +326,22 @@ void member_set(const TypeDesc &d, const FieldDesc &f, wex_handle *h, uint32_t w
 
 // ---- union alternatives ----
 
-void *alt_get(const TypeDesc &, const FieldDesc &f, wex_handle *h, uint32_t, void *inst,
+void *alt_get(const TypeDesc &d, const FieldDesc &f, wex_handle *h, uint32_t, void *inst,
               uint32_t *err) {
   BIX_SLOT(err);
-  return begin_read(f, h, inst, err) ? load<void *>(field_at(inst, f)) : nullptr;
+  return begin_read(d, f, h, inst, err) ? load<void *>(field_at(inst, f)) : nullptr;
 }
 
 void alt_set(const TypeDesc &d, const FieldDesc &f, wex_handle *h, uint32_t ws, void *inst,
              void *member, uint32_t *err) {
   BIX_SLOT(err);
   if (!begin_write(d, f, h, ws, inst, err)) return;
+  // The parent will encode, decode and destroy the member as the alternative's type, so
+  // nothing else is taken in, a type's shared null instance included.
+  if (member && !is_instance_of(*f.type, member)) {
+    store_err(h, err, 22);
+    return;
+  }
   store(h, ws, field_at(inst, f), member);  // a previous member stays the caller's
   store(h, ws, selector_value(d, f, inst), f.count);
   uint8_t *area = marking_area(d, h, ws, inst, err);
@@ -335,16 +361,12 @@ void *alt_get_detach(const TypeDesc &d, const FieldDesc &f, wex_handle *h, uint3
   if (load<uint32_t>(selector_value(d, f, inst)) != f.count) return nullptr;
   // Refused before anything moves: detaching first would leave the member owned by
   // nobody once the call fails.
-  bool on = tracking_on(h);
-  if (on && !is_tracked(inst)) {
-    store_err(h, err, 22);
-    trace(Tm::kNotTracked);
-    return nullptr;
-  }
+  uint8_t *area = nullptr;
+  if (tracking_on(h) && !(area = required_area(d, h, ws, inst, err))) return nullptr;
   void *member = load<void *>(field_at(inst, f));
   store<void *>(h, ws, field_at(inst, f), nullptr);
   store<uint32_t>(h, ws, selector_value(d, f, inst), 0);
-  if (on) put_state(h, ws, sttr_area(h, ws, d, inst) + f.sttr, 0);
+  if (area) put_state(h, ws, area + f.sttr, 0);
   return member;
 }
 
@@ -353,17 +375,18 @@ void *alt_get_detach(const TypeDesc &d, const FieldDesc &f, wex_handle *h, uint3
 uint8_t state_get(const TypeDesc &d, const FieldDesc &f, wex_handle *h, uint32_t ws, void *inst,
                   uint32_t *err) {
   BIX_SLOT(err);
-  if (!begin_state_read(h, inst, err)) return 0;
-  return sttr_area(h, ws, d, inst)[f.sttr];
+  uint8_t *area = begin_state_read(d, h, ws, inst, err);
+  return area ? area[f.sttr] : 0;
 }
 
 void state_set(const TypeDesc &d, const FieldDesc &f, wex_handle *h, uint32_t ws, void *inst,
                uint8_t value, uint32_t *err) {
   BIX_SLOT(err);
-  if (!begin_state_write(h, inst, err)) return;
+  uint8_t *area = begin_state_write(d, h, ws, inst, err);
+  if (!area) return;
   adjust(d, h, ws, inst, err);
   if (*err || !variant_ok(f, h, inst, err)) return;
-  put_state(h, ws, sttr_area(h, ws, d, inst) + f.sttr, value);
+  put_state(h, ws, area + f.sttr, value);
 }
 
 // ---- arrays of primitives ----
@@ -371,7 +394,7 @@ void state_set(const TypeDesc &d, const FieldDesc &f, wex_handle *h, uint32_t ws
 void *array_get(const TypeDesc &d, const FieldDesc &f, wex_handle *h, uint32_t ws, void *inst,
                 uint32_t index, uint32_t *err) {
   BIX_SLOT(err);
-  if (!begin_read(f, h, inst, err)) return nullptr;
+  if (!begin_read(d, f, h, inst, err)) return nullptr;
   Elems e = elems_of(d, f, inst);
   if (!e.data || index >= e.n) {
     store_err(h, err, 2);
@@ -390,7 +413,7 @@ uint32_t array_get_value(const TypeDesc &d, const FieldDesc &f, wex_handle *h, u
 void array_get_mem(const TypeDesc &d, const FieldDesc &f, wex_handle *h, uint32_t, void *inst,
                    void *dst, int32_t n, uint32_t *err) {
   BIX_SLOT(err);
-  if (!begin_read(f, h, inst, err)) return;
+  if (!begin_read(d, f, h, inst, err)) return;
   Elems e = elems_of(d, f, inst);
   if (!count_ok(n, e.data ? e.n : 0, dst, h, err)) return;
   if (n > 0) std::memcpy(dst, e.data, static_cast<size_t>(n) * f.elem_size);
@@ -400,8 +423,15 @@ void array_set(const TypeDesc &d, const FieldDesc &f, wex_handle *h, uint32_t ws
                uint32_t index, const void *src, uint32_t *err) {
   BIX_SLOT(err);
   if (!begin_write(d, f, h, ws, inst, err)) return;
+  uint32_t held = 0;
   if (f.kind == FieldKind::VarArray) {
-    if (!var_array_writable(f, h, inst, err) || !var_array_reach(d, f, h, ws, inst, index, err))
+    // Growing releases the old storage, which the source may point into ("append a copy
+    // of element 0"): the value is held before anything moves.
+    if (src) {
+      std::memcpy(&held, src, f.elem_size);
+      src = &held;
+    }
+    if (!var_array_writable(d, f, h, ws, inst, err) || !var_array_reach(d, f, h, ws, inst, index, err))
       return;
     if (!src) return;  // grown, nothing else written
   } else if (!src) {
@@ -421,7 +451,7 @@ void array_set_value(const TypeDesc &d, const FieldDesc &f, wex_handle *h, uint3
   BIX_SLOT(err);
   if (!begin_write(d, f, h, ws, inst, err)) return;
   if (f.kind == FieldKind::VarArray &&
-      (!var_array_writable(f, h, inst, err) || !var_array_reach(d, f, h, ws, inst, index, err)))
+      (!var_array_writable(d, f, h, ws, inst, err) || !var_array_reach(d, f, h, ws, inst, index, err)))
     return;
   void *at = array_get(d, f, h, ws, inst, index, err);
   if (!at) {
@@ -439,26 +469,21 @@ void array_set_mem(const TypeDesc &d, const FieldDesc &f, wex_handle *h, uint32_
   bool var = f.kind == FieldKind::VarArray;
   if (!count_ok(n, var ? UINT32_MAX : f.count, src, h, err)) return;
   // Nothing is copied into an instance that cannot record having been written.
-  if (tracking_on(h) && !is_tracked(inst)) {
-    store_err(h, err, 22);
-    trace(Tm::kNotTracked);
-    return;
-  }
+  const bool on = tracking_on(h);
+  if (on && !required_area(d, h, ws, inst, err)) return;
   uint32_t count = static_cast<uint32_t>(n);
-  if (var && !var_array_resize(h, ws, d, inst, f, count, err)) return;
-  Elems e = elems_of(d, f, inst);
-  size_t len = static_cast<size_t>(count) * f.elem_size;
-  if (len) {
-    notify(h, ws, e.data, static_cast<uint32_t>(len));
-    std::memcpy(e.data, src, len);
+  if (var) {
+    // New storage is filled from src before the old is released (src may point into
+    // it, "drop the first element"); its element states start at 0.
+    if (!var_array_resize(h, ws, d, inst, f, count, err, static_cast<const uint8_t *>(src)))
+      return;
+  } else if (count) {
+    size_t len = static_cast<size_t>(count) * f.elem_size;
+    notify(h, ws, field_at(inst, f), static_cast<uint32_t>(len));
+    std::memmove(field_at(inst, f), src, len);
   }
-  if (!is_tracked(inst)) return;
-  ElemStates s = elem_states_of(d, f, h, ws, inst);
-  if (tracking_on(h)) put_state(h, ws, s.whole, 2);
-  if (var && s.elems && count) {  // replaced elements start unwritten
-    notify(h, ws, s.elems, count);
-    std::memset(s.elems, 0, count);
-  }
+  if (!on) return;
+  put_state(h, ws, elem_states_of(d, f, inst, sttr_area(h, ws, d, inst)).whole, 2);
 }
 
 void var_array_remove(const TypeDesc &d, const FieldDesc &f, wex_handle *h, uint32_t ws,
@@ -473,10 +498,10 @@ void var_array_remove(const TypeDesc &d, const FieldDesc &f, wex_handle *h, uint
 
 // ---- arrays of embedded records ----
 
-void *record_array_get(const TypeDesc &, const FieldDesc &f, wex_handle *h, uint32_t, void *inst,
+void *record_array_get(const TypeDesc &d, const FieldDesc &f, wex_handle *h, uint32_t, void *inst,
                        uint32_t index, uint32_t *err) {
   BIX_SLOT(err);
-  if (!begin_read(f, h, inst, err)) return nullptr;
+  if (!begin_read(d, f, h, inst, err)) return nullptr;
   if (index >= f.count) {
     store_err(h, err, 2);
     return nullptr;
@@ -494,7 +519,7 @@ void record_array_set(const TypeDesc &d, const FieldDesc &f, wex_handle *h, uint
   }
   record_set(*f.type, h, ws, field_at(inst, f) + static_cast<size_t>(index) * f.elem_size, src, err);
   if (!marking_area(d, h, ws, inst, err)) return;
-  if (!is_tracked(src)) {
+  if (!is_tracked(src)) {  // the flag as set at the source's creation
     store_err(h, err, 22);
     trace(Tm::kValNotTracked);
     return;
@@ -507,8 +532,9 @@ void record_array_set(const TypeDesc &d, const FieldDesc &f, wex_handle *h, uint
 uint8_t elem_state_get(const TypeDesc &d, const FieldDesc &f, wex_handle *h, uint32_t ws,
                        void *inst, uint32_t index, uint32_t *err) {
   BIX_SLOT(err);
-  if (!begin_state_read(h, inst, err)) return 0;
-  ElemStates s = elem_states_of(d, f, h, ws, inst);
+  uint8_t *area = begin_state_read(d, h, ws, inst, err);
+  if (!area) return 0;
+  ElemStates s = elem_states_of(d, f, inst, area);
   if (!s.elems || index >= s.n) {
     store_err(h, err, 2);
     return 0;
@@ -519,8 +545,9 @@ uint8_t elem_state_get(const TypeDesc &d, const FieldDesc &f, wex_handle *h, uin
 void elem_state_set(const TypeDesc &d, const FieldDesc &f, wex_handle *h, uint32_t ws, void *inst,
                     uint32_t index, uint8_t value, uint32_t *err) {
   BIX_SLOT(err);
-  if (!begin_state_write(h, inst, err)) return;
-  ElemStates s = elem_states_of(d, f, h, ws, inst);
+  uint8_t *area = begin_state_write(d, h, ws, inst, err);
+  if (!area) return;
+  ElemStates s = elem_states_of(d, f, inst, area);
   if (!s.elems || index >= s.n) {
     store_err(h, err, 2);
     return;
@@ -533,19 +560,21 @@ void elem_state_set(const TypeDesc &d, const FieldDesc &f, wex_handle *h, uint32
 void elem_state_get_arr(const TypeDesc &d, const FieldDesc &f, wex_handle *h, uint32_t ws,
                         void *inst, uint8_t **out, uint32_t *err) {
   BIX_SLOT(err);
-  if (!begin_state_read(h, inst, err)) return;
+  uint8_t *area = begin_state_read(d, h, ws, inst, err);
+  if (!area) return;
   if (!out) {
     store_err(h, err, 22);
     return;
   }
-  *out = elem_states_of(d, f, h, ws, inst).elems;
+  *out = elem_states_of(d, f, inst, area).elems;
 }
 
 void elem_state_set_arr(const TypeDesc &d, const FieldDesc &f, wex_handle *h, uint32_t ws,
                         void *inst, const uint8_t *src, uint32_t n, uint32_t *err) {
   BIX_SLOT(err);
-  if (!begin_state_write(h, inst, err)) return;
-  ElemStates s = elem_states_of(d, f, h, ws, inst);
+  uint8_t *area = begin_state_write(d, h, ws, inst, err);
+  if (!area) return;
+  ElemStates s = elem_states_of(d, f, inst, area);
   if (n != s.n || (n && !s.elems)) {
     store_err(h, err, 2);
     return;
@@ -563,8 +592,8 @@ void elem_state_set_arr(const TypeDesc &d, const FieldDesc &f, wex_handle *h, ui
 uint8_t whole_state_get(const TypeDesc &d, const FieldDesc &f, wex_handle *h, uint32_t ws,
                         void *inst, uint32_t *err) {
   BIX_SLOT(err);
-  if (!begin_state_read(h, inst, err)) return 0;
-  return sttr_area(h, ws, d, inst)[f.sttr];
+  uint8_t *area = begin_state_read(d, h, ws, inst, err);
+  return area ? area[f.sttr] : 0;
 }
 
 void whole_state_set(const TypeDesc &d, const FieldDesc &f, wex_handle *h, uint32_t ws,

@@ -24,7 +24,8 @@ void for_each_member_record(const TypeDesc &d, uint8_t *dst, uint8_t *src, Fn &&
 }
 
 uint8_t *states_slot(wex_handle *h, uint32_t ws, const TypeDesc &d, void *inst, const FieldDesc &f) {
-  return is_tracked(inst) ? sttr_area(h, ws, d, inst) + f.sttr_ptr : nullptr;
+  uint8_t *area = sttr_area(h, ws, d, inst);
+  return area ? area + f.sttr_ptr : nullptr;
 }
 
 // Before the copy: the destination's variable storage is about to be overwritten by the
@@ -124,16 +125,20 @@ void record_set(const TypeDesc &d, wex_handle *h, uint32_t ws, void *dst, void *
   wexlib_adjust_variant(h, ws, dst, dst ? wex_get_manifested_type_info(dst) : nullptr,
                         d.latest_variant, err);
   if (dst == src) return;
-  // Instances without type pointer are null instances (or members of one): shared,
-  // never written, and not a source either.
-  if (!dst || !src || !wex_get_manifested_type_info(dst) || !wex_get_manifested_type_info(src)) {
+  // Both must be instances of d: null instances (and members of one) are shared and
+  // never written nor given up, and an instance of another type has another layout.
+  if (!is_instance_of(d, dst) || !is_instance_of(d, src)) {
     store_err(h, err, 22);
     return;
   }
   bool on = tracking_on(h);
   // Decided on the destination's flags as allocated, before the copy touches them.
-  bool dst_tracked = is_tracked(dst), area_copied = on && dst_tracked && is_tracked(src);
+  uint8_t *dst_area = sttr_area(h, ws, d, dst), *src_area = sttr_area(h, ws, d, src);
+  bool dst_tracked = dst_area != nullptr, area_copied = on && dst_tracked && src_area;
   uint8_t *d8 = bytes(dst), *s8 = bytes(src);
+  // The area stays where it is; its embedded records are told again where theirs are,
+  // before anything changes, so a refusal leaves both instances as they were.
+  if (area_copied && d.has_embedded && !record_offset_update(d, h, ws, dst, dst_area, err)) return;
   release_storage(d, h, ws, d8, s8);
   notify(h, ws, dst, d.fixed_size);
   copy_fixed(d, d8, s8);
@@ -141,16 +146,14 @@ void record_set(const TypeDesc &d, wex_handle *h, uint32_t ws, void *dst, void *
     store_err(h, err, 22);
     trace(Tm::kNotTracked);
   } else if (area_copied) {
-    uint8_t *area = sttr_area(h, ws, d, dst);
-    if (d.has_embedded) record_offset_update(d, h, ws, dst, area);
-    notify(h, ws, area, d.sttr_size);
-    std::memcpy(area, sttr_area(h, ws, d, src), d.sttr_size);
+    notify(h, ws, dst_area, d.sttr_size);
+    std::memcpy(dst_area, src_area, d.sttr_size);
   }
   take_over(d, h, ws, d8, s8, area_copied, err);
 }
 
 bool var_array_resize(wex_handle *h, uint32_t ws, const TypeDesc &d, void *inst,
-                      const FieldDesc &f, uint32_t count, uint32_t *err) {
+                      const FieldDesc &f, uint32_t count, uint32_t *err, const uint8_t *content) {
   uint32_t local = 0;
   if (!err) err = &local;
   uint8_t *b = bytes(inst);
@@ -174,9 +177,13 @@ bool var_array_resize(wex_handle *h, uint32_t ws, const TypeDesc &d, void *inst,
       store_err(h, err, 12);
       return false;
     }
-    uint32_t keep = std::min(old_n, count);
-    std::memset(data, 0, len);
-    if (old) std::memcpy(data, old, static_cast<size_t>(keep) * f.elem_size);
+    uint32_t keep = content ? 0 : std::min(old_n, count);
+    if (content) {
+      std::memcpy(data, content, len);
+    } else {
+      std::memset(data, 0, len);
+      if (old) std::memcpy(data, old, static_cast<size_t>(keep) * f.elem_size);
+    }
     if (states) {
       std::memset(states, 0, count);
       if (old_states) std::memcpy(states, old_states, keep);

@@ -49,7 +49,7 @@ std::vector<OpSpec> lifecycle_ops() {
        "return bix::flags_is_valid_cr($D, h, flag);",
        "0 when the flag number is out of range and the domain variant is 0 or less."},
       {kOnRecord, "offset_update", "void", "wex_handle *h, uint32_t ws, $T *inst, void *sttr_base",
-       "bix::record_offset_update($D, h, ws, inst, static_cast<uint8_t *>(sttr_base));",
+       "bix::record_offset_update($D, h, ws, inst, static_cast<uint8_t *>(sttr_base), nullptr);",
        "Tell each embedded record where its state bytes live inside sttr_base."},
   };
 }

@@ -12,16 +12,21 @@
 namespace bix {
 
 // Start of an instance's state-tracking area: at the offset the runtime remembers when
-// flag 0x40 is set, else right after the fixed part. Only meaningful with flag 0x08.
+// flag 0x40 is set, else right after the fixed part of a top-level instance. Null when
+// the instance has none that can be located: no flag 0x08, a nested member without 0x40,
+// or an offset that would overlap the instance itself. Callers treat null as untracked.
 uint8_t *sttr_area(wex_handle *h, uint32_t ws, const TypeDesc &d, void *inst);
 
 // Resizes the variable array f of inst to `count` elements. Storage grows with zero fill;
-// when the instance is state tracked its element-state buffer follows (new bytes 0).
-// count 0 releases both buffers. On allocation failure: 12 in the slot and the handle,
-// and the array is left exactly as it was. Shared by the accessors, decoding, clone
-// and XML parsing.
+// when the instance has a state-tracking area its element-state buffer follows (new
+// bytes 0). With `content`, the new storage holds count elements copied from there
+// instead, and every element state is 0; content may point into the old storage, which
+// is released only after the copy. count 0 releases both buffers. On allocation failure:
+// 12 in the slot and the handle, and the array is left exactly as it was. Shared by the
+// accessors, decoding, clone and XML parsing.
 bool var_array_resize(wex_handle *h, uint32_t ws, const TypeDesc &d, void *inst,
-                      const FieldDesc &f, uint32_t count, uint32_t *err);
+                      const FieldDesc &f, uint32_t count, uint32_t *err,
+                      const uint8_t *content = nullptr);
 
 // Small helpers shared by the accessor units: unaligned reads, announced writes.
 inline bool is_tracked(const void *inst) { return static_cast<const uint8_t *>(inst)[kHdrFlags] & kFlagTracked; }

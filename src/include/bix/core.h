@@ -59,6 +59,12 @@ inline void store_err(wex_handle *h, uint32_t *err, uint32_t code) {
 // True when the handle asks for state tracking; a corrupted mode word is fatal.
 bool tracking_on(wex_handle *h);
 
+// True when inst is an instance of d: its type info record is d's static record or the
+// runtime's registered copy of it (same LUID). False for a null pointer and for a type's
+// null instance, whose header is all zero. Every operation that writes or frees an
+// instance asks this first, so a cast in the caller cannot make it write past the end.
+bool is_instance_of(const TypeDesc &d, const void *inst);
+
 // A type info record that every reader may trust, or a fatal trace.
 wex_type_info *checked_tinfo(const void *inst);
 wex_variant_info *checked_varinfo(const wex_type_info *t);
@@ -82,8 +88,16 @@ int8_t variant_cap(const TypeDesc &d, int8_t v);
 uint32_t record_is_valid_cr(const TypeDesc &d, wex_handle *h, uint32_t n);
 uint32_t enum_is_valid_cr(const TypeDesc &d, wex_handle *h, uint32_t value);
 uint32_t flags_is_valid_cr(const TypeDesc &d, wex_handle *h, uint32_t flag);
-void record_offset_update(const TypeDesc &d, wex_handle *h, uint32_t ws, void *inst,
-                          uint8_t *sttr_base);
+// Places the state-tracking area of every record embedded in inst inside the area that
+// starts at sttr_base. False, with 12 (the runtime ran out of memory) or 22 in the slot
+// and the handle, when the runtime did not take a placement: the member then must not
+// be used with tracking on.
+bool record_offset_update(const TypeDesc &d, wex_handle *h, uint32_t ws, void *inst,
+                          uint8_t *sttr_base, uint32_t *err);
+// Tells the runtime that inst (of type d) keeps its state-tracking area at `area`, and
+// checks that it took it (flag 0x40 and the same offset back); else false as above.
+bool place_sttr_area(const TypeDesc &d, wex_handle *h, uint32_t ws, void *inst, uint8_t *area,
+                     uint32_t *err);
 
 // The internal (wire) value of an enumeration's user value.
 uint32_t enum_to_internal(const TypeDesc &d, uint32_t user);
