@@ -5,14 +5,15 @@ BIX_EXPORT void bix_ipc_shim_typeinfo_initialize(wex_handle *h, uint32_t ws, uin
 
 namespace bix {
 
-bool codec_begin(wex_handle *h, uint32_t *err, const void *inst, int32_t len) {
+bool codec_begin(const TypeDesc &d, wex_handle *h, uint32_t *err, const void *inst, int32_t len,
+                 bool writes) {
   if (*err) return false;
   wex_clear_last_error(h);
   if (len < 1) {
     store_err(h, err, 12);
     return false;
   }
-  if (!inst) {
+  if (!inst || (writes ? !is_instance_of(d, inst) : foreign_instance(d, inst))) {
     store_err(h, err, 22);
     return false;
   }

@@ -91,6 +91,22 @@ bool selected(const TypeDesc &d, const FieldDesc &alt, const uint8_t *inst) {
 
 // ---- len ----
 
+// The generator's constant length assumes every embedded record encodes its fields; one
+// of a negative variant encodes as its 6-byte prefix instead.
+bool members_have_fields(const TypeDesc &d, const uint8_t *b) {
+  for (uint16_t i = 0; i < d.nfields; ++i) {
+    const FieldDesc &f = d.fields[i];
+    if (f.kind != FieldKind::Record && f.kind != FieldKind::RecordArray) continue;
+    const uint32_t n = f.kind == FieldKind::Record ? 1 : f.count;
+    for (uint32_t k = 0; k < n; ++k) {
+      const uint8_t *m = b + f.offset + k * f.elem_size;
+      if (wex_get_instance_variant(m, 1, 0) < 0) return false;
+      if (f.type->has_embedded && !members_have_fields(*f.type, m)) return false;
+    }
+  }
+  return true;
+}
+
 uint32_t field_len(const FieldDesc &f, wex_handle *h, uint32_t ws, const TypeDesc &d,
                    const uint8_t *b, bool states) {
   uint32_t n = 0, st = states ? 1 : 0;
@@ -283,8 +299,12 @@ bool unmarshal_var_array(const TypeDesc &d, const FieldDesc &f, Decoder &dc, uin
   if (!keep && !var_array_resize(dc.h, dc.ws, d, b, f, k, dc.err)) return false;
   std::memcpy(load_ptr(b + f.offset), dc.buf + dc.pos, k * f.elem_size);
   dc.pos += k * f.elem_size;
+  uint8_t *states = area ? static_cast<uint8_t *>(load_ptr(area + f.sttr_ptr)) : nullptr;
+  // Element states taken or kept start at 0, so a run the input cuts short leaves no
+  // stale byte behind.
+  if (dc.copy && states) std::memset(states, 0, k);
   dc.state_byte(area ? area + f.sttr : nullptr);
-  dc.state_bytes(area ? static_cast<uint8_t *>(load_ptr(area + f.sttr_ptr)) : nullptr, k);
+  dc.state_bytes(states, k);
   return true;
 }
 
@@ -360,8 +380,10 @@ bool bulk_codecs_in_use() { return codecs()[static_cast<size_t>(Prim::U8)].bulk_
 uint32_t record_len(const TypeDesc &d, wex_handle *h, uint32_t ws, const void *inst) {
   int8_t v = wex_get_instance_variant(inst, 1, 0);
   bool states = tracking_on(h) && inst && v >= 0;
-  if (!inst || v < 0) return 6;
-  if (d.wire_len_off) return states ? d.wire_len_on : d.wire_len_off;
+  // An instance of another type is measured as no instance: its fields are not ours.
+  if (!inst || v < 0 || foreign_instance(d, inst)) return 6;
+  if (d.wire_len_off && (!d.has_embedded || members_have_fields(d, bytes(inst))))
+    return states ? d.wire_len_on : d.wire_len_off;
   uint32_t n = 6;
   for (uint16_t i = 0; i < d.nfields; ++i) n += field_len(d.fields[i], h, ws, d, bytes(inst), states);
   return n;
@@ -369,7 +391,7 @@ uint32_t record_len(const TypeDesc &d, wex_handle *h, uint32_t ws, const void *i
 
 uint32_t record_marshal(const TypeDesc &d, wex_handle *h, uint32_t ws, uint8_t *buf,
                         const void *inst, int32_t len, uint32_t *err, bool clone) {
-  if (!codec_begin(h, err, inst, len)) return 0;
+  if (!codec_begin(d, h, err, inst, len, false)) return 0;
   Encoder e{codecs(), h, ws, buf, len, err};
   int8_t v = wex_get_instance_variant(inst, 1, 0);
   int8_t dv = wex_domain_lookup_variant(h, &h->domain, wex_get_manifested_type_info(inst), err);
@@ -410,28 +432,30 @@ uint32_t record_marshal(const TypeDesc &d, wex_handle *h, uint32_t ws, uint8_t *
 
 uint32_t record_unmarshal(const TypeDesc &d, wex_handle *h, uint32_t ws, const uint8_t *buf,
                           void *inst, int32_t len, uint32_t reuse, uint32_t *err) {
-  if (!codec_begin(h, err, inst, len)) return 0;
+  if (!codec_begin(d, h, err, inst, len, true)) return 0;
   Decoder dc{codecs(), h, ws, buf, len, reuse, err};
   int8_t v = 0;
   uint8_t rflags = 0;
   uint32_t got = _wex_instance_variant_unmarshal(h, ws, buf, &v, len, err);
   if (!got) return 0;
   dc.pos += got;
-  if (!(got = _wex_instance_obj_flag_unmarshal(h, ws, buf + dc.pos, &rflags, dc.left(), err)))
-    return dc.pos;
+  // A prefix item cut short (74 from its reader) ends the reading, but not the decode:
+  // the jump correction and the header update still run, on what was read.
+  bool framed = (got = _wex_instance_obj_flag_unmarshal(h, ws, buf + dc.pos, &rflags, dc.left(), err));
   dc.pos += got;
-  if (rflags & kFlagHandleData) {
+  if (framed && (rflags & kFlagHandleData)) {
     uint64_t ra = 0;
     uint8_t rb = 0;
-    if (!(got = _wex_instance_ra_data_unmarshal(h, ws, buf + dc.pos, &ra, &rb, dc.left(), err)))
-      return dc.pos;
+    framed = (got = _wex_instance_ra_data_unmarshal(h, ws, buf + dc.pos, &ra, &rb, dc.left(), err));
     dc.pos += got;
   }
   v = variant_cap(d, v);
   const uint32_t jump_base = dc.pos;
   uint32_t jump = 0;
-  if (!(got = _wex_variant_jump_unmarshal(h, ws, buf + dc.pos, &jump, dc.left(), err))) return dc.pos;
-  dc.pos += got;
+  if (framed) {
+    framed = (got = _wex_variant_jump_unmarshal(h, ws, buf + dc.pos, &jump, dc.left(), err));
+    dc.pos += got;
+  }
 
   // A conforming sender sets only these two; anything else would corrupt destroy.
   rflags &= kFlagTracked | kFlagHandleData;
@@ -443,10 +467,15 @@ uint32_t record_unmarshal(const TypeDesc &d, wex_handle *h, uint32_t ws, const u
   } else {
     if (!(b[kHdrFlags] & kFlagTracked)) fatal(Tm::kSttrMismatch);
     dc.copy = rflags & kFlagTracked;
-    if (dc.copy) area = sttr_area(h, ws, d, inst);
+    // A tracked instance whose area cannot be located (a member its parent never placed)
+    // cannot take state bytes: refused before anything in it changes.
+    if (dc.copy && !(area = sttr_area(h, ws, d, inst))) {
+      store_err(h, err, 22);
+      return 0;
+    }
     rflags |= kFlagTracked;
   }
-  if (v >= 0 && !unmarshal_fields(d, dc, b, area)) return 0;
+  if (framed && v >= 0 && !unmarshal_fields(d, dc, b, area)) return 0;
   dc.pos = jump_correct(h, err, dc.pos, jump_base, jump, len);
   b[kHdrVariant] = static_cast<uint8_t>(v);
   b[kHdrFlags] |= rflags;

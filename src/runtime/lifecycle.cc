@@ -26,6 +26,10 @@ bool is_instance_of(const TypeDesc &d, const void *inst) {
          std::memcmp(t->luid, d.tinfo->luid, sizeof t->luid) == 0;
 }
 
+bool foreign_instance(const TypeDesc &d, const void *inst) {
+  return wex_get_manifested_type_info(inst) && !is_instance_of(d, inst);
+}
+
 wex_type_info *checked_tinfo(const void *inst) {
   wex_type_info *t = wex_get_manifested_type_info(const_cast<void *>(inst));
   if (!t || t->magic != WEX_TYPE_INFO_MAGIC) fatal(Tm::kTinfoCorrupted);
@@ -212,6 +216,14 @@ void record_initialize(const TypeDesc &d, wex_handle *h, uint32_t ws, void *mem,
 void record_destroy_internal(const TypeDesc &d, wex_handle *h, uint32_t ws, void *inst,
                              uint32_t free_it) {
   uint8_t *b = bytes(inst);
+  // Nothing of an instance is touched before its type info record is known good, and an
+  // instance of another type (a cast in the caller) is left alone: tearing it down with
+  // this type's layout would free what its fields happen to hold.
+  checked_tinfo(inst);
+  if (!is_instance_of(d, inst)) {
+    wex_store_err(h, 22);
+    return;
+  }
   if (b[kHdrFlags] & kFlagOidMapped) {
     uint32_t local = 0;
     uint32_t removed = wex_request_oid_mapping_destroy(h, ws, inst, &local);
@@ -348,6 +360,11 @@ void instance_destroy_internal(const TypeDesc &d, wex_handle *h, uint32_t ws, vo
   if (!inst || inst == d.null_instance) return;
   if (!is_leaf(d)) return record_destroy_internal(d, h, ws, inst, free_it);
   if (!free_it) return;
+  checked_tinfo(inst);
+  if (!is_instance_of(d, inst)) {
+    wex_store_err(h, 22);
+    return;
+  }
   leaf_count(h, ws, d, inst, true);
   std::memset(inst, 0, 8);
   h->release(h->alloc_ctx, ws, inst);
@@ -359,6 +376,10 @@ void instance_set_embedded(const TypeDesc &d, wex_handle *h, uint32_t ws, void *
     return;
   }
   if (inst == d.null_instance) return;  // shared by every caller: never written
+  if (!is_instance_of(d, inst)) {
+    trace(is_leaf(d) ? Tm::kSetEmbeddedNullEnum : Tm::kSetEmbeddedNull);
+    return;
+  }
   auto mark = [&](uint8_t *b) {
     notify(h, ws, b + kHdrFlags, 1);
     b[kHdrFlags] |= kFlagEmbedded;

@@ -75,7 +75,13 @@ const lumo_trace_table kStubTable = make_table(kStubLuid, kStubFormats);
 // Registration state handed to the trace facility: zero at load.
 uint32_t g_trace_reg_state = 0;
 
-uint16_t module_id() { return g_wex_bix_ipc_shim_trace_module_id; }
+// Every trace registers the module first: enumeration and flag-set operations trace
+// without any record create having run, possibly while another thread registers. The
+// registration's acquire makes the id written under it visible here.
+uint16_t module_id() {
+  ensure_trace_module();
+  return g_wex_bix_ipc_shim_trace_module_id;
+}
 uint32_t idx(Tm id) { return static_cast<uint32_t>(id); }
 uint32_t idx(Ts id) { return static_cast<uint32_t>(id); }
 

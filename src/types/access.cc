@@ -82,19 +82,12 @@ void adjust(const TypeDesc &d, wex_handle *h, uint32_t ws, void *inst, uint32_t 
                         d.latest_variant, err);
 }
 
-// An instance of another type (a cast in the caller): its memory is not laid out as d
-// says, so even reading it at d's offsets may leave its allocation. A type's null
-// instance has no type pointer and is not foreign: readers treat it as an instance.
-bool foreign(const TypeDesc &d, const void *inst) {
-  return wex_get_manifested_type_info(inst) && !is_instance_of(d, inst);
-}
-
 // Start of every reader: guard, clear, type check, variant check.
 bool begin_read(const TypeDesc &d, const FieldDesc &f, wex_handle *h, const void *inst,
                 uint32_t *err) {
   if (*err) return false;
   wex_clear_last_error(h);
-  if (foreign(d, inst)) {
+  if (foreign_instance(d, inst)) {
     store_err(h, err, 22);
     return false;
   }
@@ -154,7 +147,7 @@ bool state_mode_ok(wex_handle *h, uint32_t *err) {
 uint8_t *begin_state(const TypeDesc &d, wex_handle *h, uint32_t ws, void *inst, uint32_t *err,
                      Tm untracked) {
   if (*err || !state_mode_ok(h, err)) return nullptr;
-  if (!inst || foreign(d, inst)) {
+  if (!inst || foreign_instance(d, inst)) {
     store_err(h, err, 22);
     return nullptr;
   }

@@ -62,7 +62,7 @@ void enum_set_value(const TypeDesc &d, wex_handle *h, uint32_t ws, void *inst, u
     wex_store_epoch_err(h, 43, err);
     return;
   }
-  if (!inst) {  // nothing to store into
+  if (!is_instance_of(d, inst)) {  // nothing to store into, or shared, or another type
     store_err(h, err, 22);
     return;
   }
@@ -74,7 +74,8 @@ void enum_set(const TypeDesc &d, wex_handle *h, uint32_t ws, void *dst, const vo
               uint32_t *err) {
   if (pending(err)) return;
   wex_clear_last_error(h);
-  if (!dst || !src) {
+  // The source's header is copied too: both must be instances of this type.
+  if (!is_instance_of(d, dst) || !is_instance_of(d, src)) {
     store_err(h, err, 22);
     return;
   }
@@ -122,6 +123,10 @@ void flags_set_value(const TypeDesc &d, wex_handle *h, uint32_t ws, void *inst, 
     return;
   }
   if (!inst || flag >= d.nliterals) return;  // a newer variant's flag: nothing to store here
+  if (!is_instance_of(d, inst)) {
+    store_err(h, err, 22);
+    return;
+  }
   uint8_t *byte = bytes(inst) + kFlagBitsOffset + flag / 8;
   notify(h, ws, byte, 1);
   if (on)
@@ -133,7 +138,8 @@ void flags_set_value(const TypeDesc &d, wex_handle *h, uint32_t ws, void *inst, 
 void flags_set(const TypeDesc &d, wex_handle *h, uint32_t ws, void *dst, const void *src,
                uint32_t *err) {
   if (pending(err)) return;
-  if (!dst || !src) {
+  // The source's header is copied too: both must be instances of this type.
+  if (!is_instance_of(d, dst) || !is_instance_of(d, src)) {
     store_err(h, err, 22);
     return;
   }
@@ -223,6 +229,10 @@ void leaf_from_xml(const TypeDesc &d, wex_handle *h, uint32_t ws, const char *pa
                    void *inst, uint32_t *err, char *msg, uint32_t msglen) {
   if (pending(err)) return;
   wex_clear_last_error(h);
+  if (!is_instance_of(d, inst)) {
+    store_err(h, err, 22);
+    return;
+  }
   for (uint16_t i = 0; i < d.nliterals; ++i) {
     char child[kPathMax];
     char value[kValueMax];
@@ -236,7 +246,7 @@ void leaf_from_xml(const TypeDesc &d, wex_handle *h, uint32_t ws, const char *pa
     }
     if (d.kind == TypeKind::Enum) {
       // First literal present wins; stored as is, like a decoded value.
-      if (inst) std::memcpy(bytes(inst) + kEnumValueOffset, &d.literals[i].user, 4);
+      std::memcpy(bytes(inst) + kEnumValueOffset, &d.literals[i].user, 4);
       return;
     }
     flags_set_value(d, h, ws, inst, i, 1, err);
@@ -274,7 +284,7 @@ uint32_t leaf_len(const TypeDesc &d) {
 
 uint32_t leaf_marshal(const TypeDesc &d, wex_handle *h, uint32_t ws, uint8_t *buf,
                       const void *inst, int32_t len, uint32_t *err) {
-  if (!codec_begin(h, err, inst, len)) return 0;
+  if (!codec_begin(d, h, err, inst, len, false)) return 0;
   int8_t v = wex_get_instance_variant(inst, 0, 1);
   int8_t dv = wex_domain_lookup_variant(h, &h->domain, wex_get_manifested_type_info(inst), err);
   if (v > dv) {
@@ -309,7 +319,7 @@ uint32_t leaf_marshal(const TypeDesc &d, wex_handle *h, uint32_t ws, uint8_t *bu
 
 uint32_t leaf_unmarshal(const TypeDesc &d, wex_handle *h, uint32_t ws, const uint8_t *buf,
                         void *inst, int32_t len, uint32_t reuse, uint32_t *err) {
-  if (!codec_begin(h, err, inst, len)) return 0;
+  if (!codec_begin(d, h, err, inst, len, true)) return 0;
   int8_t v = 0;
   uint32_t n = _wex_instance_variant_unmarshal(h, ws, buf, &v, len, err);
   if (!n) return 0;

@@ -1,8 +1,11 @@
 #include "elf_section.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cerrno>
 #include <cstring>
-#include <fstream>
 #include <iterator>
 
 namespace bixipc {
@@ -141,22 +144,40 @@ std::optional<std::vector<uint8_t>> find_elf_section(std::span<const uint8_t> im
 
 std::optional<std::vector<uint8_t>> read_elf_section(const std::string &path,
                                                      const std::string &name, std::string *error) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) {
+  // Opened without blocking and checked before anything is read: a FIFO, a device or a
+  // directory given by mistake must not hang the tool or feed it endless bytes.
+  int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  if (fd < 0) {
     fail(error, path + ": " + strerror(errno));
     return std::nullopt;
   }
-  in.seekg(0, std::ios::end);
-  std::streamoff size = in.tellg();
-  if (size < 0 || static_cast<uint64_t>(size) > kMaxFileSize) {
-    fail(error, path + ": cannot size the file or it is too large");
+  struct FdCloser {
+    int fd;
+    ~FdCloser() { ::close(fd); }
+  } closer{fd};
+  struct stat st {};
+  if (::fstat(fd, &st) != 0) {
+    fail(error, path + ": " + strerror(errno));
     return std::nullopt;
   }
-  in.seekg(0);
-  std::vector<uint8_t> image(static_cast<size_t>(size));
-  if (!in.read(reinterpret_cast<char *>(image.data()), size)) {
-    fail(error, path + ": read failed");
+  if (!S_ISREG(st.st_mode)) {
+    fail(error, path + ": not a regular file");
     return std::nullopt;
+  }
+  if (st.st_size < 0 || static_cast<uint64_t>(st.st_size) > kMaxFileSize) {
+    fail(error, path + ": the file is too large");
+    return std::nullopt;
+  }
+  std::vector<uint8_t> image(static_cast<size_t>(st.st_size));
+  size_t got = 0;
+  while (got < image.size()) {
+    ssize_t n = ::read(fd, image.data() + got, image.size() - got);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) {
+      fail(error, path + ": read failed");
+      return std::nullopt;
+    }
+    got += static_cast<size_t>(n);
   }
   std::string reason;
   auto section = find_elf_section(image, name, &reason);

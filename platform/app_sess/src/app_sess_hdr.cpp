@@ -15,7 +15,6 @@ wex_variant_info g_variant_info = {1, {}, g_variant_entries};
 alignas(8) unsigned char g_null_instance[APP_SESS_HDR_SIZE];
 
 constexpr int8_t kLatestVariant = 0;
-constexpr uint32_t kJumpBase = 2;  // variant and flags precede the jump
 
 app_sess_hdr *as_hdr(void *p) {
   return static_cast<app_sess_hdr *>(p);

@@ -225,7 +225,11 @@ typedef struct wex_handle {
   const char *domain_name;
   /* Runtime-private state (last error, offsets, mappings, scratch buffer,
    * allocation limit). NULL in handles not made by wex_handle_new(); such
-   * handles get no last-error store, offsets, mappings or scratch buffer. */
+   * handles get no last-error store, offsets, mappings or scratch buffer.
+   * Without an offset store, wexlib_update_sttr_offset places nothing: a
+   * library that nests state-tracking areas (records embedded in records)
+   * must then refuse to create such records with tracking on. Use
+   * wex_handle_new() and change its members instead of building a handle. */
   void *priv;
 } wex_handle;
 
@@ -279,6 +283,9 @@ WEX_API int wex_hd_mapping_exists(wex_handle *h, const void *inst);
 /* The next oid or hd mapping destroy fails: it writes `code` into its
  * error slot, records it as last error and removes nothing. */
 WEX_API void wex_mapping_fail_next(wex_handle *h, uint32_t code);
+/* The n-th state-tracking offset store from now (1: the next one) fails as
+ * if memory ran out; 0 disarms. */
+WEX_API void wex_sttr_offset_fail_at(wex_handle *h, uint32_t n);
 
 /* ---- Errors ------------------------------------------------------------- */
 
@@ -345,7 +352,10 @@ WEX_API void wexlib_type_stats_destroy_object(wex_handle *h, uint32_t ws,
                                               uint32_t *err);
 /* The offset remembered for the instance, 0 when none. */
 WEX_API uint32_t wexlib_get_sttr_offset(wex_handle *h, uint32_t ws, const void *instance);
-/* Remembers the offset and sets flag 0x40 in the member's byte 10. */
+/* Remembers the offset and sets flag 0x40 in the member's byte 10. When it
+ * cannot (out of memory: last error WEX_ERR_NOMEM; a handle without offset
+ * store: nothing recorded) the flag is not set, which is how a caller
+ * tells: it must check the flag afterwards. */
 WEX_API void wexlib_update_sttr_offset(wex_handle *h, uint32_t ws, void *member, uint32_t offset);
 /* Nonzero when the mapping was removed (or there was none, the flag 0x01
  * is then cleared), 0 while references remain. */

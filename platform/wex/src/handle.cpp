@@ -229,6 +229,10 @@ void wex_mapping_fail_next(wex_handle *h, uint32_t code) {
   if (HandleState *s = state_of(h)) s->fail_next_mapping = code;
 }
 
+void wex_sttr_offset_fail_at(wex_handle *h, uint32_t n) {
+  if (HandleState *s = state_of(h)) s->sttr_offset_fail_in = n;
+}
+
 // ---- Errors -------------------------------------------------------------------
 
 void wex_clear_last_error(wex_handle *h) {
@@ -364,11 +368,15 @@ uint32_t wexlib_get_sttr_offset(wex_handle *h, uint32_t, const void *instance) {
 
 void wexlib_update_sttr_offset(wex_handle *h, uint32_t ws, void *member, uint32_t offset) {
   HandleState *s = state_of(h);
-  if (!s || !member) return;
+  if (!s || !member) return;  // no offset store: the member gets no 0x40 (see wex.h)
   try {
+    if (s->sttr_offset_fail_in && --s->sttr_offset_fail_in == 0) throw std::bad_alloc();
     s->sttr_offsets[member] = offset;
   } catch (...) {
-    return;  // without the offset the member must not claim one
+    // Without the offset the member must not claim one; the caller sees the missing
+    // 0x40 and, through the last error, why.
+    s->last_error = WEX_ERR_NOMEM;
+    return;
   }
   wex::notify_write(h, ws, &wex::obj_flags(member), 1);
   wex::obj_flags(member) |= WEX_OBJ_FLAG_STTR_OFFSET;

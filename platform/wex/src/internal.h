@@ -39,6 +39,7 @@ struct HandleState {
   uint32_t alloc_limit = WEX_DEFAULT_ALLOC_LIMIT;
   int suppress_messages = 0;
   uint32_t fail_next_mapping = 0;
+  uint32_t sttr_offset_fail_in = 0;  // the n-th offset store from now fails; 0: none
   // Offsets stay until overwritten or the handle goes; addresses of freed
   // instances are reused by later ones, which re-register theirs.
   std::unordered_map<const void *, uint32_t> sttr_offsets;

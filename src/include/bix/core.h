@@ -64,6 +64,10 @@ bool tracking_on(wex_handle *h);
 // null instance, whose header is all zero. Every operation that writes or frees an
 // instance asks this first, so a cast in the caller cannot make it write past the end.
 bool is_instance_of(const TypeDesc &d, const void *inst);
+// An instance whose type pointer names another type than d: its memory is not laid out
+// as d says, so even reading it at d's offsets may leave its allocation. A type's null
+// instance has no type pointer and is not foreign: readers treat it as an instance.
+bool foreign_instance(const TypeDesc &d, const void *inst);
 
 // A type info record that every reader may trust, or a fatal trace.
 wex_type_info *checked_tinfo(const void *inst);

@@ -17,8 +17,11 @@ uint32_t jump_correct(wex_handle *h, uint32_t *err, uint32_t pos, uint32_t jump_
                       uint32_t jump, int32_t len);
 
 // The common start of every encoder and decoder: nothing under a pending error, 12 for
-// a length below 1, 22 for a missing instance. True when the body may run.
-bool codec_begin(wex_handle *h, uint32_t *err, const void *inst, int32_t len);
+// a length below 1, 22 for a missing instance or one of another type. A decoder
+// (`writes`) also refuses a type's shared null instance, which is never written. True
+// when the body may run.
+bool codec_begin(const TypeDesc &d, wex_handle *h, uint32_t *err, const void *inst, int32_t len,
+                 bool writes);
 
 // Type info pointer a decoder stores: the registered copy when the handle asks for it.
 wex_type_info *decoded_tinfo(wex_handle *h, uint32_t ws, const TypeDesc &d);
