@@ -116,6 +116,28 @@ TEST_F(Access, VariableArrayGrowsIsReplacedAndEmptied) {
   EXPECT_TRUE(h.live.empty());
 }
 
+// Sources that point into the array itself: growing or replacing moves the storage, so
+// the value must be taken before the old storage goes (ASan: no use after free).
+TEST_F(Access, VariableArraySourcesInsideTheArrayItself) {
+  auto *d = ipc_shim_data_create(h, 0);
+  const uint8_t five[5] = {1, 2, 3, 4, 5};
+  ipc_shim_data_data_set_mem(h, 0, d, five, 5, &err);
+  ipc_shim_data_data_set(h, 0, d, 5, d->data, &err);  // append a copy of element 0
+  ASSERT_EQ(std::pair(d->size, err), std::pair(6u, 0u));
+  EXPECT_EQ(d->data[5], 1);
+  ipc_shim_data_data_set_mem(h, 0, d, d->data + 1, 5, &err);  // drop the first element
+  ASSERT_EQ(std::pair(d->size, err), std::pair(5u, 0u));
+  EXPECT_EQ(V(d->data, d->data + 5), V({2, 3, 4, 5, 1}));
+  EXPECT_EQ(at(var_states(d), {0, 1, 2, 3, 4}), V({0, 0, 0, 0, 0}));
+  auto *x = wex_xcvr_info_create(h, 0);  // a fixed array may overlap itself too
+  for (int i = 0; i < 33; ++i) x->dev_if_name[i] = static_cast<int8_t>(i);
+  wex_xcvr_info_dev_if_name_set_mem(h, 0, x, x->dev_if_name + 1, 32, &err);
+  EXPECT_EQ(std::pair(x->dev_if_name[0], x->dev_if_name[31]), std::pair(int8_t{1}, int8_t{32}));
+  wex_xcvr_info_destroy(h, 0, x);
+  ipc_shim_data_destroy(h, 0, d);
+  EXPECT_TRUE(h.live.empty());
+}
+
 // The enlargement trace is once per process: checked in a fresh process of its own.
 using AccessDeathTest = Access;
 TEST_F(AccessDeathTest, EnlargementTracesOncePerProcess) {

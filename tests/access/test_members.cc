@@ -100,6 +100,20 @@ TEST_F(Access, UnionAlternativeSetSelectsDetachHandsOverOwnership) {
   }
   EXPECT_TRUE(h.live.empty());
 
+  // The parent encodes, decodes and destroys a member as the alternative's type: a member
+  // of another type, or a type's shared null instance, is not taken in.
+  auto *s = wex_xcvr_status_info_create(h, 0);
+  auto *xfp = wex_xfp_env_mon_create(h, 0);
+  h->error = 1;
+  auto *null_sfp = wex_sfp_env_mon_create_cr(h);
+  for (void *wrong : {static_cast<void *>(xfp), static_cast<void *>(null_sfp)})
+    EXPECT_EQ(code([&] { wex_xcvr_status_info_sfp_sensors_set(h, 0, s, static_cast<wex_sfp_env_mon *>(wrong), &err); }), 22u);
+  EXPECT_EQ(s->sfp_sensors, nullptr);
+  EXPECT_EQ(s->xcvr_type.value, 0u);
+  wex_xfp_env_mon_destroy(h, 0, xfp);
+  wex_xcvr_status_info_destroy(h, 0, s);
+  h->error = 0, err = 0;
+
   // An untracked parent while tracking is on: nothing is detached.
   auto *bare = untracked<wex_xcvr_status_info>("wex_xcvr_status_info");
   untracking([&] { wex_xcvr_status_info_msa_sensors_set(h, 0, bare, wex_msa_env_mon_create(h, 0), &err); });

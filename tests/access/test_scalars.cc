@@ -68,6 +68,59 @@ TEST_F(Access, ScalarsOfEveryRecord) {
             V({22, 0}));
 }
 
+// A cast in the caller: an instance of another, smaller type handed to every accessor
+// kind. Writers and readers alike refuse it with 22 and touch nothing (ASan would see a
+// read or write past the small instance).
+TEST_F(Access, EveryAccessorRefusesAnInstanceOfAnotherType) {
+  size_t kinds = 0;
+  for (const Field &f : bixfacts::kFields) {
+    if (type_of(f.type).kind != std::string("type")) continue;
+    SCOPED_TRACE(name_of(f));
+    const char *other = std::string(f.type) == "wex_nosfp_dummy" ? "wex_xcvr_rc" : "wex_nosfp_dummy";
+    uint8_t *victim = create(h, other);
+    const std::string kind = f.kind;
+    uint8_t *member = kind == "Record" || kind == "UnionAlt" || kind == "Flags" || kind == "RecordArray"
+                          ? create(h, f.member)
+                          : nullptr;
+    uint8_t buf[4] = {1, 1, 1, 1}, *arr = nullptr;
+    std::vector<uint32_t> codes;
+    EXPECT_TRUE(watched([&] {
+      if (kind == "Prim" || kind == "Enum" || kind == "Selector") {
+        codes.push_back(code(f, "set_value", victim, uint32_t{1}));
+        codes.push_back(code<void *>(f, "get", victim));
+        codes.push_back(code(f, "state_flag_set", victim, uint8_t{1}));
+        codes.push_back(code<uint8_t>(f, "state_flag_get", victim));
+      } else if (kind == "Count") {
+        codes.push_back(code<void *>(f, "get", victim));
+      } else if (kind == "FixedArray" || kind == "VarArray") {
+        codes.push_back(code<void *>(f, "get", victim, 0u));
+        codes.push_back(code(f, "set", victim, 0u, static_cast<const void *>(buf)));
+        codes.push_back(code(f, "set_mem", victim, static_cast<const void *>(buf), 1));
+        codes.push_back(code(f, "get_mem", victim, static_cast<void *>(buf), 1));
+        codes.push_back(code(f, "state_flag_set", victim, 0u, uint8_t{1}));
+        codes.push_back(code(f, "state_flag_get_arr", victim, &arr));
+        codes.push_back(code(f, "state_flag_whole_set", victim, uint8_t{1}));
+      } else if (kind == "RecordArray") {
+        codes.push_back(code<void *>(f, "get", victim, 0u));
+        codes.push_back(code(f, "set", victim, 0u, member));
+      } else if (kind == "Record" || kind == "Flags") {
+        codes.push_back(code<void *>(f, "get", victim));
+        codes.push_back(code(f, "set", victim, member));
+      } else if (kind == "UnionAlt") {
+        codes.push_back(code<void *>(f, "get", victim));
+        codes.push_back(code(f, "set", victim, member));
+        codes.push_back(code<void *>(f, "get_detach", victim));
+      }
+    }, Bytes{}));
+    EXPECT_EQ(codes, V(codes.size(), 22u));
+    kinds += !codes.empty();
+    destroy(h, other, victim);
+    if (member) destroy(h, f.member, member);
+  }
+  EXPECT_EQ(kinds, std::size(bixfacts::kFields) - 0);
+  EXPECT_TRUE(h.live.empty());
+}
+
 // The layout examples, independent of the generated facts.
 TEST_F(Access, GoldenLayout) {
   auto *x = wex_xcvr_info_create(h, 0);  // dev_if_name: whole byte 9, elements 10 to 42

@@ -1,6 +1,7 @@
 // Instance layout and lifecycle across every record, enumeration and flag set.
 #include <gtest/gtest.h>
 
+#include "../wire/fill.h"
 #include "support.h"
 
 using namespace bixtest;
@@ -143,6 +144,121 @@ TEST(Create, NestedInitialiseWithoutStateBaseFailsWith22) {
   EXPECT_TRUE(tr.has(LUMO_LEVEL_ERROR,
                      "sttr_base can not be NULL in NESTED case. Please check the parent object and "
                      "provide the correct state tracking base pointer"));
+}
+
+// Records that place other records' state areas inside their own.
+std::vector<std::string> nesting_records() {
+  std::vector<std::string> out;
+  for (const auto &f : bixfacts::kFields) {
+    std::string kind = f.kind;
+    if ((kind == "Record" || kind == "RecordArray") && (out.empty() || out.back() != f.type))
+      out.push_back(f.type);
+  }
+  return out;
+}
+
+// A nested area the runtime did not place would lie over the parent's next fields (union
+// pointers, a member's header): such a create fails cleanly instead.
+TEST(Create, NestedAreasTheRuntimeCannotPlaceFailTheCreate) {
+  ASSERT_EQ(nesting_records().size(), 7u);
+  for (const std::string &type : nesting_records()) {
+    // The runtime's offset store runs out of memory at each placement in turn.
+    for (uint32_t k = 1;; ++k) {
+      Handle h(WEX_STTR_ON);
+      Traces tr;
+      wex_sttr_offset_fail_at(h, k);
+      void *p = op<CreateFn>(type, "create")(h, 0);
+      if (p) {  // k is past the last placement
+        EXPECT_GT(k, 1u) << type;
+        op<DestroyFn>(type, "destroy")(h, 0, p);
+        break;
+      }
+      EXPECT_EQ(h->error, 12u) << type << " k=" << k;
+      EXPECT_TRUE(h.live.empty()) << type << " k=" << k;
+      EXPECT_TRUE(tr.has(LUMO_LEVEL_ERROR, "error in " + type + " create: " + strerror(12))) << type;
+    }
+    // A handle the application built itself has no offset store at all.
+    Handle owner(WEX_STTR_ON);
+    wex_handle app = *static_cast<wex_handle *>(owner);
+    app.priv = nullptr;
+    EXPECT_EQ(op<CreateFn>(type, "create")(&app, 0), nullptr) << type;
+    EXPECT_EQ(app.error, 22u) << type;
+    EXPECT_TRUE(owner.live.empty()) << type;
+  }
+  // Records without nested areas need no offset store.
+  Handle owner(WEX_STTR_ON);
+  wex_handle app = *static_cast<wex_handle *>(owner);
+  app.priv = nullptr;
+  void *p = wex_xcvr_presence_info_create(&app, 0);
+  ASSERT_NE(p, nullptr);
+  wex_xcvr_presence_info_destroy(&app, 0, static_cast<wex_xcvr_presence_info *>(p));
+}
+
+// A top-level instance initialised with a state base keeps its whole area there: the
+// caller allocated only the fixed part, so nothing may land after it.
+TEST(Initialize, AStateBaseGivenAtTopLevelIsWhereEveryStateByteGoes) {
+  Handle tx(WEX_STTR_ON), h(WEX_STTR_ON);
+  using InitFn = void (*)(wex_handle *, uint32_t, void *, wex_type_info *, uint32_t, uint32_t, uint8_t,
+                          void *, uint32_t *);
+  using MarshalFn = uint32_t (*)(wex_handle *, uint32_t, uint8_t *, const void *, int32_t, uint32_t *);
+  using UnmarshalFn = uint32_t (*)(wex_handle *, uint32_t, const uint8_t *, void *, int32_t, uint32_t,
+                                   uint32_t *);
+  using DestroyInternalFn = void (*)(wex_handle *, uint32_t, void *, uint32_t);
+  for (const auto &t : bixfacts::kTypes) {
+    if (std::string(t.kind) != "type") continue;
+    SCOPED_TRACE(t.name);
+    void *src = op<CreateFn>(t.name, "create")(tx, 0);
+    fill(tx, t.name, src, 3, 6);
+    std::vector<uint8_t> wire(8192), again(8192);
+    uint32_t err = 0;
+    uint32_t n = op<MarshalFn>(t.name, "marshal")(tx, 0, wire.data(), src, 8192, &err);
+    // Exactly the fixed part, and the area in a block of its own.
+    std::unique_ptr<uint8_t[]> mem(new uint8_t[t.fixed_size]()), area(new uint8_t[t.sttr_size]());
+    auto *rec = static_cast<wex_type_info *>(dlsym(RTLD_DEFAULT, ("_" + std::string(t.name) + "_type_info_internal").c_str()));
+    op<InitFn>(t.name, "initialize")(h, 0, mem.get(), rec, 0, 0, 0, area.get(), &err);
+    ASSERT_EQ(err, 0u);
+    EXPECT_EQ(mem[10] & 0x48, 0x48);
+    for (const auto &f : bixfacts::kFields) {
+      if (f.type != std::string(t.name) || std::string(f.kind) != "Record") continue;
+      EXPECT_EQ(mem.get() + f.offset + static_cast<int32_t>(wexlib_get_sttr_offset(h, 0, mem.get() + f.offset)),
+                area.get() + f.sttr_elems) << f.name;
+    }
+    EXPECT_EQ(op<UnmarshalFn>(t.name, "unmarshal")(h, 0, wire.data(), mem.get(), static_cast<int32_t>(n), 0, &err), n);
+    EXPECT_EQ(op<MarshalFn>(t.name, "marshal")(h, 0, again.data(), mem.get(), 8192, &err), n);
+    EXPECT_EQ(err, 0u);
+    EXPECT_EQ(std::memcmp(wire.data(), again.data(), n), 0);
+    std::vector<uint8_t> got(area.get(), area.get() + t.sttr_size),
+        want(static_cast<uint8_t *>(src) + t.fixed_size, static_cast<uint8_t *>(src) + t.fixed_size + t.sttr_size);
+    for (const auto &f : bixfacts::kFields)  // an element-state buffer pointer is each one's own
+      if (f.type == std::string(t.name) && std::string(f.kind) == "VarArray")
+        std::fill_n(got.begin() + f.sttr_ptr, 8, 0), std::fill_n(want.begin() + f.sttr_ptr, 8, 0);
+    EXPECT_EQ(got, want);
+    op<DestroyInternalFn>(t.name, "destroy_internal")(h, 0, mem.get(), 0);
+    op<DestroyFn>(t.name, "destroy")(tx, 0, src);
+  }
+  EXPECT_TRUE(h.live.empty());
+}
+
+// An instance of another type (a cast in the caller) is neither torn down nor freed, nor
+// marked embedded: this type's layout would read and free what its bytes happen to hold.
+TEST(Destroy, AnInstanceOfAnotherTypeIsLeftAlone) {
+  Handle h(WEX_STTR_ON);
+  Traces tr;
+  for (const auto &t : bixfacts::kTypes) {
+    if (std::string(t.kind) == "message") continue;
+    const char *other = std::string(t.name) == "wex_nosfp_dummy" ? "wex_xcvr_rc" : "wex_nosfp_dummy";
+    void *victim = op<CreateFn>(other, "create")(h, 0);
+    std::vector<uint8_t> before(static_cast<uint8_t *>(victim), static_cast<uint8_t *>(victim) + 24);
+    h->error = 0;
+    op<DestroyFn>(t.name, "destroy")(h, 0, victim);
+    EXPECT_EQ(h->error, 22u) << t.name;
+    tr.lines.clear();
+    op<DestroyFn>(t.name, "set_instance_embedded")(h, 0, victim);
+    EXPECT_EQ(tr.lines.size(), 1u) << t.name;
+    EXPECT_TRUE(std::equal(before.begin(), before.end(), static_cast<uint8_t *>(victim))) << t.name;
+    op<DestroyFn>(other, "destroy")(h, 0, victim);
+  }
+  EXPECT_TRUE(h.live.empty());
 }
 
 TEST(CreateCr, PendingErrorYieldsTheNullInstanceAndAllocatesNothing) {

@@ -476,6 +476,57 @@ TEST(LeafGuard, EveryOperationWithASlotDoesNothingWhenOneIsPending) {
   }
 }
 
+// Every writer refuses the shared null instance (a failed _cr create's result) and an
+// instance of another type with 22, and writes nothing into either.
+TEST(LeafGuard, WritersRefuseTheNullInstanceAndInstancesOfAnotherType) {
+  Handle h;
+  using SetFn = void (*)(wex_handle *, uint32_t, void *, const void *, uint32_t *);
+  using FromFn = void (*)(wex_handle *, uint32_t, const char *, void *, void *, uint32_t *, char *,
+                          uint32_t);
+  const std::vector<uint8_t> zeros(24, 0);
+  for (const Leaf &l : leaves()) {
+    h->error = 1;
+    auto *null = static_cast<uint8_t *>(op<void *(*)(wex_handle *)>(l.name, "create_cr")(h));
+    h->error = 0;
+    // another leaf: an enumeration for a flag set and the other way round
+    const char *other = l.is_enum ? "wex_xcvr_status_bitmap" : "wex_xcvr_rc";
+    auto *victim = static_cast<uint8_t *>(op<CreateFn>(other, "create")(h, 0));
+    auto *good = op<CreateFn>(l.name, "create")(h, 0);
+    const std::vector<uint8_t> before(victim, victim + 16);
+    uint8_t wire[16] = {0, 0, 0, 0, 6, 1, 1};  // a flag set's 7 bytes; an enumeration takes 5
+    Doc d(l.is_enum ? "<x><WEX_XCVR_RPC_NO_DATA_RC/><WEX_XCVR_TYPE_SFP/><WEX_BIX_ENV_FAILURE/></x>"
+                    : "<x><WEX_XCVR_STATUS_BM_PRESENT/><WEX_BIX_ENV_NULL_SENSOR/></x>");
+    for (uint8_t *dst : {null, victim}) {
+      std::vector<uint32_t> codes;
+      auto code = [&](auto &&step) {
+        uint32_t err = 0;
+        step(&err);
+        codes.push_back(err);
+      };
+      code([&](uint32_t *err) { op<UnmarshalFn>(l.name, "unmarshal")(h, 0, wire, dst, 16, 0, err); });
+      code([&](uint32_t *err) { op<SetFn>(l.name, "set")(h, 0, dst, good, err); });
+      code([&](uint32_t *err) { op<SetFn>(l.name, "set")(h, 0, good, dst, err); });  // a source too
+      code([&](uint32_t *err) { op<FromFn>(l.name, "from_xml")(h, 0, "/x", d.doc, dst, err, nullptr, 0); });
+      if (l.is_enum)
+        code([&](uint32_t *err) {
+          op<void (*)(wex_handle *, uint32_t, void *, uint32_t, uint32_t *)>(l.name, "set_value")(h, 0, dst, 1, err);
+        });
+      else
+        code([&](uint32_t *err) {
+          op<void (*)(wex_handle *, uint32_t, void *, uint32_t, uint32_t, uint32_t *)>(l.name, "set_value")(
+              h, 0, dst, 0, 1, err);
+        });
+      EXPECT_EQ(codes, std::vector<uint32_t>(codes.size(), 22u)) << l.name;
+    }
+    EXPECT_EQ(std::vector<uint8_t>(null, null + (l.is_enum ? 16 : 24)),
+              std::vector<uint8_t>(zeros.begin(), zeros.begin() + (l.is_enum ? 16 : 24))) << l.name;
+    EXPECT_EQ(std::vector<uint8_t>(victim, victim + 16), before) << l.name;
+    op<DestroyFn>(other, "destroy")(h, 0, victim);
+    op<DestroyFn>(l.name, "destroy")(h, 0, good);
+  }
+  EXPECT_TRUE(h.live.empty());
+}
+
 TEST(LeafObjects, OidCountAndReferencesReportNullAndPendingErrors) {
   Handle h;
   Traces tr;

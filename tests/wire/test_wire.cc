@@ -2,6 +2,7 @@
 // tracking combination, exact-length buffers, hostile input and allocation failure.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <memory>
 
 #include "fill.h"
@@ -246,6 +247,115 @@ TEST(WireDecode, EveryTruncationOfEveryRecordStaysInBounds) {
     op<DestroyFn>(type, "destroy")(tx, 0, src);
   }
   EXPECT_TRUE(rx.live.empty());
+}
+
+// The null instance a failed _cr create hands out is shared by every caller, and an
+// instance of another type has another layout: neither is ever decoded into, and neither
+// is read by the encoder as this type.
+TEST(WireDecode, NullInstanceAndInstancesOfAnotherTypeAreRefused) {
+  Handle h(WEX_STTR_ON);
+  for (const std::string &type : records()) {
+    void *src = op<CreateFn>(type, "create")(h, 0);
+    fill(h, type, src, 4, 3);
+    uint32_t err = 0;
+    Bytes wire = encode(h, type, src, &err);
+    h->error = 1;
+    void *null = op<void *(*)(wex_handle *)>(type, "create_cr")(h);
+    h->error = 0;
+    const std::string other = type == "wex_nosfp_dummy" ? "wex_xcvr_presence_info" : "wex_nosfp_dummy";
+    void *victim = op<CreateFn>(other, "create")(h, 0);
+    const size_t n = facts_type(type)->fixed_size, m = 24;
+    Bytes before(static_cast<uint8_t *>(victim), static_cast<uint8_t *>(victim) + m);
+    for (void *dst : {null, victim}) {
+      err = 0;
+      EXPECT_EQ(decode(h, type, wire, dst, &err), 0u) << type;
+      EXPECT_EQ(err, 22u) << type;
+    }
+    EXPECT_TRUE(std::all_of(static_cast<uint8_t *>(null), static_cast<uint8_t *>(null) + n,
+                            [](uint8_t b) { return b == 0; })) << type;
+    EXPECT_EQ(Bytes(static_cast<uint8_t *>(victim), static_cast<uint8_t *>(victim) + m), before) << type;
+    Bytes out(64);
+    err = 0;
+    EXPECT_EQ(op<MarshalFn>(type, "marshal")(h, 0, out.data(), victim, 64, &err), 0u) << type;
+    EXPECT_EQ(err, 22u) << type;
+    EXPECT_EQ(op<LenFn>(type, "len")(h, 0, victim), 6u) << type;
+    op<DestroyFn>(other, "destroy")(h, 0, victim);
+    op<DestroyFn>(type, "destroy")(h, 0, src);
+  }
+  EXPECT_TRUE(h.live.empty());
+}
+
+// A record whose embedded member has a negative variant encodes that member as its 6-byte
+// prefix, so len cannot be the constant of a fully encoded record.
+TEST(WireEncode, LenFollowsMembersOfANegativeVariant) {
+  for (uint32_t mode : {0u, WEX_STTR_ON}) {
+    Handle h(mode);
+    for (const auto &f : bixfacts::kFields) {
+      const std::string kind = f.kind;
+      if (kind != "Record" && kind != "RecordArray") continue;
+      void *inst = op<CreateFn>(f.type, "create")(h, 0);
+      fill(h, f.type, inst, 2, 7);
+      static_cast<uint8_t *>(inst)[f.offset + 8] = 0xFF;  // the member (or element 0): variant -1
+      uint32_t err = 0;
+      Bytes wire = encode(h, f.type, inst, &err);
+      EXPECT_EQ(op<LenFn>(f.type, "len")(h, 0, inst), wire.size()) << f.type << "." << f.name;
+      op<DestroyFn>(f.type, "destroy")(h, 0, inst);
+    }
+    EXPECT_TRUE(h.live.empty());
+  }
+}
+
+// A prefix item cut short still leaves the header updated with what was read: the
+// variant (here 0 over a stale 5) and the type pointer.
+TEST(WireDecode, ShortPrefixItemsStillUpdateTheHeader) {
+  Handle h(WEX_STTR_ON);
+  for (const std::string &type : records()) {
+    void *src = op<CreateFn>(type, "create")(h, 0);
+    wex_hd_mapping_create(h, src);  // flags 0x20: an ra item follows the flags byte
+    uint32_t err = 0;
+    Bytes wire = encode(h, type, src, &err);
+    // Cut before the flags, the ra item and the jump, and inside the last two; a reader
+    // that finds too few bytes consumes none.
+    for (auto [cut, read] : {std::pair(1u, 1u), {2u, 2u}, {5u, 2u}, {11u, 11u}, {14u, 11u}}) {
+      void *dst = op<CreateFn>(type, "create")(h, 0);
+      static_cast<uint8_t *>(dst)[8] = 5;
+      err = 0;
+      EXPECT_EQ(decode(h, type, Bytes(wire.begin(), wire.begin() + cut), dst, &err), read) << type << cut;
+      EXPECT_EQ(err, 74u) << type << cut;
+      EXPECT_EQ(static_cast<uint8_t *>(dst)[8], 0) << type << cut;
+      EXPECT_EQ(flags_of(dst) & 0x08, 0x08) << type << cut;
+      op<DestroyFn>(type, "destroy")(h, 0, dst);
+    }
+    op<DestroyFn>(type, "destroy")(h, 0, src);
+  }
+  EXPECT_TRUE(h.live.empty());
+}
+
+// Element states taken or kept by a decode start at 0: a run of state bytes the input cuts
+// short leaves none of the old ones behind.
+TEST(WireDecode, ElementStatesCutShortAreZeroNotStale) {
+  Handle h(WEX_STTR_ON);
+  for (uint32_t reuse : {0u, 1u}) {
+    auto *src = ipc_shim_data_create(h, 0);
+    fill(h, "ipc_shim_data", src, 1, 1, 8);
+    uint32_t err = 0;
+    Bytes wire = encode(h, "ipc_shim_data", src, &err);
+    auto *dst = ipc_shim_data_create(h, 0);
+    fill(h, "ipc_shim_data", dst, 9, 1, 8);  // the same count: reuse keeps its storage
+    uint8_t *states = *reinterpret_cast<uint8_t **>(reinterpret_cast<uint8_t *>(dst) + 40 + 8);
+    std::memset(states, 0xEE, 8);
+    Bytes cut(wire.begin(), wire.end() - 3);  // the last three element states are missing
+    std::unique_ptr<uint8_t[]> exact(new uint8_t[cut.size()]);
+    std::memcpy(exact.get(), cut.data(), cut.size());
+    err = 0;
+    ipc_shim_data_unmarshal(h, 0, exact.get(), dst, static_cast<int32_t>(cut.size()), reuse, &err);
+    states = *reinterpret_cast<uint8_t **>(reinterpret_cast<uint8_t *>(dst) + 40 + 8);
+    ASSERT_NE(states, nullptr);
+    for (int i = 5; i < 8; ++i) EXPECT_EQ(states[i], 0) << "reuse " << reuse << " element " << i;
+    ipc_shim_data_destroy(h, 0, src);
+    ipc_shim_data_destroy(h, 0, dst);
+  }
+  EXPECT_TRUE(h.live.empty());
 }
 
 TEST(WireDecodeDeathTest, TrackingHandleRefusesAnUntrackedInstance) {
