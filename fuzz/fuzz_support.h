@@ -4,6 +4,7 @@
 #include <dlfcn.h>
 
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "bix_ipc_shim.h"
@@ -41,6 +42,69 @@ inline const std::vector<TypeOps> &types() {
     return v;
   }();
   return all;
+}
+
+// An exported operation by name, looked up once.
+template <typename Fn>
+Fn cached(const std::string &name) {
+  static std::unordered_map<std::string, void *> cache;
+  auto it = cache.find(name);
+  if (it == cache.end()) it = cache.emplace(name, dlsym(RTLD_DEFAULT, name.c_str())).first;
+  return reinterpret_cast<Fn>(it->second);
+}
+
+// Reads every field of an instance back through the exported accessors, members and
+// alternatives included, as a receiving program would. Errors (a negative variant, an
+// untracked instance) are expected; reading outside the instance is not.
+inline void read_back(wex_handle *h, const std::string &type, void *inst) {
+  using GetValue = uint32_t (*)(wex_handle *, uint32_t, void *, uint32_t *);
+  using Get = void *(*)(wex_handle *, uint32_t, void *, uint32_t *);
+  using GetAt = void *(*)(wex_handle *, uint32_t, void *, uint32_t, uint32_t *);
+  using GetMem = void (*)(wex_handle *, uint32_t, void *, void *, int32_t, uint32_t *);
+  using StateAt = uint8_t (*)(wex_handle *, uint32_t, void *, uint32_t, uint32_t *);
+  using State = uint8_t (*)(wex_handle *, uint32_t, void *, uint32_t *);
+  using FlagValue = int32_t (*)(wex_handle *, uint32_t, void *, uint32_t, uint32_t *);
+  std::string kind;
+  for (const auto &t : bixfacts::kTypes)
+    if (type == t.name) kind = t.kind;
+  uint32_t err = 0;
+  if (kind == "enum") {
+    cached<GetValue>(type + "_get_value")(h, 0, inst, &err);
+    return;
+  }
+  if (kind == "flag") {
+    for (uint32_t n = 0; n < 16; ++n) err = 0, cached<FlagValue>(type + "_get_value")(h, 0, inst, n, &err);
+    return;
+  }
+  uint32_t var_count = 0;
+  for (const auto &f : bixfacts::kFields) {
+    if (type != f.type) continue;
+    const std::string k = f.kind, op = type + "_" + f.name + "_";
+    err = 0;
+    if (k == "Prim" || k == "Enum" || k == "Selector" || k == "Count") {
+      uint32_t v = cached<GetValue>(op + "get_value")(h, 0, inst, &err);
+      if (k == "Count") var_count = err ? 0 : v;
+    } else if (k == "FixedArray" || k == "VarArray") {
+      const uint32_t n = k == "FixedArray" ? f.count : var_count;
+      std::vector<uint8_t> out(static_cast<size_t>(n) * f.elem_size + 1);
+      cached<GetMem>(op + "get_mem")(h, 0, inst, out.data(), static_cast<int32_t>(n), &err);
+      for (uint32_t i = 0; i < n; ++i) err = 0, cached<StateAt>(op + "state_flag_get")(h, 0, inst, i, &err);
+    } else if (k == "RecordArray") {
+      for (uint32_t i = 0; i < f.count; ++i) {
+        err = 0;
+        if (void *m = cached<GetAt>(op + "get")(h, 0, inst, i, &err)) read_back(h, f.member, m);
+      }
+    } else if (void *m = cached<Get>(op + "get")(h, 0, inst, &err)) {  // members, alternatives
+      read_back(h, f.member, m);
+    }
+    err = 0;
+    if (k != "Count") {
+      if (k == "FixedArray" || k == "VarArray" || k == "RecordArray")
+        cached<State>(op + "state_flag_whole_get")(h, 0, inst, &err);
+      else
+        cached<State>(op + "state_flag_get")(h, 0, inst, &err);
+    }
+  }
 }
 
 }  // namespace bixfuzz

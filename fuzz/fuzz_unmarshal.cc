@@ -1,6 +1,23 @@
-// Fuzz target: arbitrary bytes into the decoder of every type. Asserts the decoder's
-// invariants: it stays inside the input, allocates no more than the input justifies,
-// leaks nothing, and anything it accepts re-encodes to a stable byte string.
+// Fuzz target: arbitrary bytes into the decoder of every type, in every state a caller can
+// put the destination in. Asserts the decoder's invariants (docs/security.md): it stays
+// inside the input, allocates no more than the input justifies, fails cleanly when an
+// allocation fails, leaks nothing, leaves an instance every accessor can read, and
+// anything it accepts re-encodes, into a buffer of exactly len bytes, to a stable string.
+//
+// Input: [type][options][encoding...]
+//   type     the type is byte % N; with option 0x80, byte / N + 1 is the allocation that
+//            fails (counted from the first decode)
+//   options  0x01 the decoding handle tracks state
+//            0x02 the destination is created by a tracking handle (always when 0x01)
+//            0x04 decode with reuse 1
+//            0x08 the destination already holds content, storage and an alternative
+//            0x10 both handles point instances at the runtime's registered type copies
+//            0x20 decode the same bytes a second time into the same instance
+//            0x40 read every field back through the accessors
+//            0x80 fail one allocation
+#include <sys/mman.h>
+#include <unistd.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -9,6 +26,7 @@
 #include <string>
 #include <vector>
 
+#include "../tests/wire/fill.h"
 #include "fuzz_support.h"
 
 namespace {
@@ -16,6 +34,7 @@ namespace {
 struct Counting {
   std::map<void *, uint32_t> live;
   uint64_t bytes = 0;
+  uint32_t allocs = 0, fail_at = 0, refused = 0;
 };
 
 void require(bool ok, const char *what, const std::string &type) {
@@ -24,12 +43,14 @@ void require(bool ok, const char *what, const std::string &type) {
   std::abort();
 }
 
-wex_handle *counting_handle(Counting &c, wex_sttr_profile *profile) {
+wex_handle *counting_handle(Counting &c, wex_sttr_profile *profile, bool indirect) {
   wex_handle *h = wex_handle_new();
   h->sttr_profile = profile;
+  h->types_indirect = indirect;
   h->alloc_ctx = &c;
   h->allocate = [](void *ctx, uint32_t, uint32_t size) -> void * {
     auto *c = static_cast<Counting *>(ctx);
+    if (++c->allocs == c->fail_at) return ++c->refused, nullptr;
     if (size > (16u << 20)) return nullptr;
     void *p = std::malloc(size ? size : 1);
     c->live[p] = size;
@@ -43,38 +64,84 @@ wex_handle *counting_handle(Counting &c, wex_sttr_profile *profile) {
   return h;
 }
 
+void free_handle(wex_handle *h) {
+  h->sttr_profile = nullptr;
+  wex_handle_free(h);
+}
+
+// The last `len` bytes before a page that is not mapped: an encoder that writes one byte
+// past the room it was given faults at once.
+uint8_t *guarded(uint32_t len) {
+  static const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+  static const size_t room = 64 * 1024;
+  static uint8_t *base = [] {
+    void *m = mmap(nullptr, room + page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (m == MAP_FAILED) std::abort();
+    mprotect(static_cast<uint8_t *>(m) + room, page, PROT_NONE);
+    return static_cast<uint8_t *>(m);
+  }();
+  return len <= room ? base + room - len : nullptr;
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   if (size < 2 || size > (1u << 20)) return 0;
   const auto &types = bixfuzz::types();
   const bixfuzz::TypeOps &t = types[data[0] % types.size()];
-  wex_sttr_profile profile{(data[1] & 1) ? 0xEEEEu : 0xDDDDu};
+  const uint8_t opt = data[1];
+  const bool tracks = opt & 0x01, create_tracked = tracks || (opt & 0x02), indirect = opt & 0x10;
+  const bool is_record = bixtest::facts_type(t.name)->kind == std::string("type");
+  wex_sttr_profile decode_profile{tracks ? 0xEEEEu : 0xDDDDu};
+  wex_sttr_profile create_profile{create_tracked ? 0xEEEEu : 0xDDDDu};
   Counting c;
-  wex_handle *h = counting_handle(c, &profile);
+  wex_handle *h = counting_handle(c, &decode_profile, indirect);
+  wex_handle *maker = counting_handle(c, &create_profile, indirect);
 
   const size_t len = size - 2;
   // An exact-size heap copy: any read past the input is caught by the address sanitizer.
   std::unique_ptr<uint8_t[]> input(new uint8_t[len ? len : 1]);
   std::memcpy(input.get(), data + 2, len);
 
-  void *inst = t.create(h, 0);
+  void *inst = t.create(maker, 0);
   require(inst, "create", t.name);
+  if ((opt & 0x08) && is_record) bixtest::fill(maker, t.name, inst, data[0], 1 + data[0] % 7);
   const uint64_t before = c.bytes;
+  if (opt & 0x80) c.fail_at = c.allocs + 1 + data[0] / static_cast<uint32_t>(types.size());
   uint32_t err = 0;
-  uint32_t used = t.unmarshal(h, 0, input.get(), inst, static_cast<int32_t>(len), 0, &err);
+  const uint32_t reuse = (opt & 0x04) ? 1 : 0;
+  uint32_t used = t.unmarshal(h, 0, input.get(), inst, static_cast<int32_t>(len), reuse, &err);
   require(used <= len, "decoder consumed more than it was given", t.name);
+  require(!c.refused || err, "a refused allocation went unreported", t.name);
+  if (opt & 0x20) {  // again, into what the first decode left
+    uint32_t err2 = 0;
+    require(t.unmarshal(h, 0, input.get(), inst, static_cast<int32_t>(len), reuse, &err2) <= len,
+            "second decode consumed more than it was given", t.name);
+  }
+  c.fail_at = 0;
   // Alternatives are instances of a bounded size; everything else must be paid for by
-  // input bytes.
-  require(c.bytes - before <= 7u * 4096 + 2 * len, "allocation beyond what the input justifies",
+  // input bytes (twice with a second decode).
+  require(c.bytes - before <= 2 * (7u * 4096 + 2 * len), "allocation beyond what the input justifies",
           t.name);
+  if (opt & 0x40) bixfuzz::read_back(h, t.name, inst);
 
   if (err == 0) {
-    // len never counts the ra item that records flagged 0x20 carry, so leave room for it.
-    uint32_t need = t.len(h, 0, inst);
+    // len never counts the ra item that records flagged 0x20 carry; without it, a buffer
+    // of exactly len bytes takes the whole encoding.
+    const uint32_t need = t.len(h, 0, inst);
     std::vector<uint8_t> first(2 * need + 1024), second(2 * need + 1024);
-    uint32_t e1 = 0, e2 = 0, e3 = 0;
+    uint32_t e1 = 0, e2 = 0, e3 = 0, e4 = 0;
     uint32_t n1 = t.marshal(h, 0, first.data(), inst, static_cast<int32_t>(first.size()), &e1);
+    if (uint8_t *exact = guarded(need)) {
+      uint32_t n0 = t.marshal(h, 0, exact, inst, static_cast<int32_t>(need), &e4);
+      require(n0 <= need, "encoder wrote past the room it was given", t.name);
+      if (e1 == 0 && n1 <= need) {  // else an ra item somewhere (len leaves it out)
+        // A union's last state byte wants two bytes of room, so it may be left out (and
+        // the jump is one less); everything else is the same encoding.
+        require(e4 == 0 && n0 + 1 >= n1 && (n0 < n1 || std::memcmp(exact, first.data(), n0) == 0),
+                "a buffer of exactly len bytes does not take the encoding", t.name);
+      }
+    }
     if (e1 == 0) {
       void *again = t.create(h, 0);
       uint32_t back = t.unmarshal(h, 0, first.data(), again, static_cast<int32_t>(n1), 0, &e2);
@@ -87,7 +154,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   }
   t.destroy(h, 0, inst);
   require(c.live.empty(), "leak after destroy", t.name);
-  h->sttr_profile = nullptr;
-  wex_handle_free(h);
+  free_handle(maker);
+  free_handle(h);
   return 0;
 }
