@@ -212,8 +212,15 @@ TEST(Initialize, AStateBaseGivenAtTopLevelIsWhereEveryStateByteGoes) {
     std::vector<uint8_t> wire(8192), again(8192);
     uint32_t err = 0;
     uint32_t n = op<MarshalFn>(t.name, "marshal")(tx, 0, wire.data(), src, 8192, &err);
-    // Exactly the fixed part, and the area in a block of its own.
-    std::unique_ptr<uint8_t[]> mem(new uint8_t[t.fixed_size]()), area(new uint8_t[t.sttr_size]());
+    // One block: the area first, then exactly the fixed part, so a state byte written
+    // after the fixed part leaves the block (and an area below its instance is reached).
+    const size_t lead = (t.sttr_size + 7) / 8 * 8;  // instances are 8-aligned
+    std::unique_ptr<uint8_t[]> block(new uint8_t[lead + t.fixed_size]());
+    struct View {
+      uint8_t *p;
+      uint8_t *get() const { return p; }
+      uint8_t &operator[](size_t i) const { return p[i]; }
+    } mem{block.get() + lead}, area{block.get() + lead - t.sttr_size};
     auto *rec = static_cast<wex_type_info *>(dlsym(RTLD_DEFAULT, ("_" + std::string(t.name) + "_type_info_internal").c_str()));
     op<InitFn>(t.name, "initialize")(h, 0, mem.get(), rec, 0, 0, 0, area.get(), &err);
     ASSERT_EQ(err, 0u);
@@ -248,7 +255,7 @@ TEST(Destroy, AnInstanceOfAnotherTypeIsLeftAlone) {
     if (std::string(t.kind) == "message") continue;
     const char *other = std::string(t.name) == "wex_nosfp_dummy" ? "wex_xcvr_rc" : "wex_nosfp_dummy";
     void *victim = op<CreateFn>(other, "create")(h, 0);
-    std::vector<uint8_t> before(static_cast<uint8_t *>(victim), static_cast<uint8_t *>(victim) + 24);
+    std::vector<uint8_t> before(static_cast<uint8_t *>(victim), static_cast<uint8_t *>(victim) + 16);
     h->error = 0;
     op<DestroyFn>(t.name, "destroy")(h, 0, victim);
     EXPECT_EQ(h->error, 22u) << t.name;
