@@ -88,6 +88,21 @@ void enum_set(const TypeDesc &d, wex_handle *h, uint32_t ws, void *dst, const vo
   std::memcpy(dst, src, d.fixed_size);
 }
 
+const char *enum_literal_name(const TypeDesc &d, uint32_t user_value) {
+  const LiteralDesc *lit = literal_of(d, user_value);
+  return lit ? lit->name : nullptr;
+}
+
+int enum_literal_value(const TypeDesc &d, const char *name, uint32_t *user_value) {
+  if (!name) return 0;
+  for (uint16_t i = 0; i < d.nliterals; ++i) {
+    if (std::strcmp(d.literals[i].name, name) != 0) continue;
+    if (user_value) *user_value = d.literals[i].user;
+    return 1;
+  }
+  return 0;
+}
+
 int32_t enum_compare(const void *a, const void *b) {
   if (!a) return b ? -1 : 0;
   if (!b) return 1;

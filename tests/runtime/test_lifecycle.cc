@@ -268,6 +268,37 @@ TEST(Destroy, AnInstanceOfAnotherTypeIsLeftAlone) {
   EXPECT_TRUE(h.live.empty());
 }
 
+// The handle's own tracking switch: instances made after it carry state bytes.
+TEST(Create, TrackingSwitchedOnThroughTheHandle) {
+  wex_handle *h = wex_handle_new();
+  auto *before = wex_xcvr_presence_info_create(h, 0);
+  wex_handle_set_tracking(h, 1);
+  ASSERT_NE(h->sttr_profile, nullptr);
+  EXPECT_EQ(h->sttr_profile->tracking_mode, WEX_STTR_ON);
+  EXPECT_EQ(wex_xcvr_presence_info_sizeof(h), 50u);
+  auto *after = wex_xcvr_presence_info_create(h, 0);
+  uint32_t err = 0;
+  wex_xcvr_presence_info_is_present_set_value(h, 0, after, 1, &err);
+  EXPECT_EQ(std::pair(err, wex_xcvr_presence_info_is_present_state_flag_get(h, 0, after, &err)),
+            std::pair(0u, uint8_t{2}));
+  wex_xcvr_presence_info_is_present_set_value(h, 0, before, 1, &err);
+  EXPECT_EQ(err, 22u);  // made untracked: stored, but nothing to mark
+  wex_handle_set_tracking(h, 0);
+  EXPECT_EQ(h->sttr_profile->tracking_mode, WEX_STTR_OFF);
+  wex_xcvr_presence_info_destroy(h, 0, before);
+  wex_xcvr_presence_info_destroy(h, 0, after);
+  wex_handle_free(h);
+}
+
+// Error codes read as what they mean here, not as strerror() would name them.
+TEST(Errors, EveryStoredCodeHasItsOwnText) {
+  for (uint32_t code : {0u, 2u, 12u, 22u, 34u, 38u, 43u, 52u, 74u, 90u})
+    EXPECT_STRNE(bix_ipc_shim_error_text(code), "unknown error code") << code;
+  EXPECT_STREQ(bix_ipc_shim_error_text(43), "value or variant not allowed");
+  EXPECT_STREQ(bix_ipc_shim_error_text(90), "buffer too small");
+  EXPECT_STREQ(bix_ipc_shim_error_text(5), "unknown error code");
+}
+
 TEST(CreateCr, PendingErrorYieldsTheNullInstanceAndAllocatesNothing) {
   Handle h;
   h->error = 5;

@@ -357,6 +357,40 @@ TEST(LeafText, PrintedForms) {
   wex_xcvr_status_bitmap_destroy(h, 0, bm);
 }
 
+// The names the lookup gives are exactly what print shows, for every value of every
+// enumeration, and they lead back to the same value.
+TEST(LeafText, LiteralNamesAndValuesMatchThePrintedForm) {
+  Handle h;
+  using NameFn = const char *(*)(uint32_t);
+  using ValueFn = int (*)(const char *, uint32_t *);
+  int named = 0;
+  for (const Leaf &l : leaves()) {
+    if (!l.is_enum) continue;
+    void *e = op<CreateFn>(l.name, "create")(h, 0);
+    for (uint32_t v = 0; v < 20; ++v) {
+      std::memcpy(static_cast<uint8_t *>(e) + 12, &v, 4);
+      const std::string printed = print(h, l.name, 0, "x", e), prefix = "x@" + l.name + ":";
+      const char *name = op<NameFn>(l.name, "literal_name")(v);
+      if (printed == prefix + "Enum value out of range") {
+        EXPECT_EQ(name, nullptr) << l.name << " " << v;
+        continue;
+      }
+      ASSERT_NE(name, nullptr) << l.name << " " << v;
+      EXPECT_EQ(prefix + name + "\n", printed);
+      uint32_t back = 999;
+      EXPECT_EQ(op<ValueFn>(l.name, "literal_value")(name, &back), 1);
+      EXPECT_EQ(back, v);
+      ++named;
+    }
+    uint32_t untouched = 7;
+    EXPECT_EQ(op<ValueFn>(l.name, "literal_value")("NO_SUCH_LITERAL", &untouched), 0);
+    EXPECT_EQ(op<ValueFn>(l.name, "literal_value")(nullptr, &untouched), 0);
+    EXPECT_EQ(untouched, 7u);
+    op<DestroyFn>(l.name, "destroy")(h, 0, e);
+  }
+  EXPECT_EQ(named, 5 + 7 + 5 + 16 + 7 + 8 + 2 + 2 + 2);  // every literal of the nine
+}
+
 std::string tags(wex_handle *h, const char *name, const std::string &inner) {
   char open[64], close[64];
   uint32_t err = 0;

@@ -248,6 +248,10 @@ std::string emit_public_header(const Schema &s) {
        "void bix_ipc_shim_type_variant_dump(int (*print)(const char *fmt, ...));\n"
        "/* Register the trace module; returns the trace facility's result. */\n"
        "int wex_bix_ipc_shim_trace_init(void);\n"
+       "/* What an error code in a slot means here, as a short text (\"buffer too small\" for\n"
+       " * 90). The codes are errno numbers, but strerror() gives them other meanings. Never\n"
+       " * NULL; \"unknown error code\" for a code neither this library nor the runtime stores. */\n"
+       "const char *bix_ipc_shim_error_text(uint32_t code);\n"
        "extern uint16_t g_wex_bix_ipc_shim_trace_module_id;\n"
        "extern uint16_t g_wex_bix_ipc_shim_stub_trace_module_id;\n\n";
 

@@ -262,6 +262,18 @@ WEX_STATIC_ASSERT(offsetof(wex_module_root, last_link) == 16, "last_link at 16")
  * limit instead of the handle's. */
 WEX_API wex_handle *wex_handle_new(void);
 WEX_API void wex_handle_free(wex_handle *h);
+/* Change tracking on (nonzero) or off for everything made through the
+ * handle from now on: points h->sttr_profile at a profile the handle owns
+ * (freed with it). Call it right after wex_handle_new(), before creating
+ * any instance: an instance keeps the mode it was created in, so one made
+ * untracked has no state bytes and, once tracking is on, its setters store
+ * the value and then fail with 22. With tracking on, every accessor write
+ * (set, set_value, set_mem, ...) marks the field's state byte with 2, a
+ * decode copies the sender's state bytes when the sender tracked too, and
+ * the state_flag_* operations read or set the bytes directly; writing a
+ * struct member directly is not tracked. A handle not made by
+ * wex_handle_new() is left as it is. */
+WEX_API void wex_handle_set_tracking(wex_handle *h, int on);
 /* The default allocate returns NULL for single requests above `bytes`
  * (0 restores WEX_DEFAULT_ALLOC_LIMIT). Also bounds type_alloc. */
 WEX_API void wex_handle_set_alloc_limit(wex_handle *h, uint32_t bytes);

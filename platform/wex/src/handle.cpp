@@ -161,6 +161,13 @@ void wex_handle_free(wex_handle *h) {
   std::free(h);
 }
 
+void wex_handle_set_tracking(wex_handle *h, int on) {
+  HandleState *s = state_of(h);
+  if (!s) return;
+  s->tracking.tracking_mode = on ? WEX_STTR_ON : WEX_STTR_OFF;
+  h->sttr_profile = &s->tracking;
+}
+
 void wex_handle_set_alloc_limit(wex_handle *h, uint32_t bytes) {
   if (HandleState *s = state_of(h)) s->alloc_limit = bytes ? bytes : WEX_DEFAULT_ALLOC_LIMIT;
 }

@@ -48,6 +48,7 @@ struct HandleState {
   std::unordered_map<std::string, wex_type_info *> registry;
   std::vector<void *> type_copies;  // everything type_alloc handed out
   void *scratch = nullptr;
+  wex_sttr_profile tracking{WEX_STTR_OFF};  // what wex_handle_set_tracking points at
 };
 
 inline HandleState *state_of(wex_handle *h) {

@@ -18,6 +18,8 @@ void enum_set_value(const TypeDesc &d, wex_handle *h, uint32_t ws, void *inst, u
 void enum_set(const TypeDesc &d, wex_handle *h, uint32_t ws, void *dst, const void *src,
               uint32_t *err);
 int32_t enum_compare(const void *a, const void *b);
+const char *enum_literal_name(const TypeDesc &d, uint32_t user_value);
+int enum_literal_value(const TypeDesc &d, const char *name, uint32_t *user_value);
 uint32_t enum_hash(const void *inst, uint32_t seed);
 
 // Flag sets
