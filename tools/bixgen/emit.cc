@@ -227,7 +227,9 @@ std::string emit_public_header(const Schema &s) {
     o << "  uint8_t pad_[5];\n  uint8_t header_record[16];\n";
     for (size_t i = 0; i < t.members.size(); ++i) {
       if (!t.members[i]) o << "  struct app_sess_hdr *app_sess_hdr;\n";
-      else o << "  " << t.members[i]->name << " *" << t.members[i]->name << ";\n";
+      // A member named like its type: the elaborated form keeps C++ from reading the
+      // member's name as a change of the type name's meaning inside the struct.
+      else o << "  struct " << t.members[i]->name << " *" << t.members[i]->name << ";\n";
     }
     o << "} " << t.name << "_message;\n";
     o << "BIX_LAYOUT_ASSERT(sizeof(" << t.name << "_message) == " << t.fixed_size << ");\n\n";
