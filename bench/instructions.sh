@@ -7,6 +7,10 @@
 #       the table: memcpy of the encoded bytes, then len, marshal and unmarshal of each
 #       record with the bulk and with the per-element codecs (state tracking off; with
 #       --tracking, on as well)
+#   bench/instructions.sh whole [-n N] [--tracking]
+#       the whole-object operations beside their baselines, for status_info and
+#       envm_sensor_data: clone (clone_cr + destroy) and copy (copy_cr) beside marshal +
+#       unmarshal, compare beside memcmp, hash beside SuperFastHash of the walked bytes
 #   bench/instructions.sh profile <op> <record> [-n N] [--per-element] [--tracking]
 #                                 [--lines FILE]...
 #       where one operation's instructions go: per function, instructions and calls per
@@ -59,9 +63,7 @@ table() {
       *) echo "instructions.sh: unknown argument $1" >&2; exit 2 ;;
     esac
   done
-  # Every count is an independent pair of runs: run them side by side, print in order.
-  local jobs=() max
-  max=$(nproc)
+  local jobs=()
   for t in "${tracking_modes[@]}"; do
     local tflag=()
     [ "$t" = on ] && tflag=(--tracking)
@@ -76,15 +78,7 @@ table() {
       done
     done
   done
-  local k=0
-  for j in "${jobs[@]}"; do
-    read -r op r path t flags <<<"$j"
-    # shellcheck disable=SC2086
-    (per_op "$op" "$r" $flags >"$TMP/job.$k" || echo "failed" >"$TMP/job.$k") &
-    k=$((k + 1))
-    while [ "$(jobs -rp | wc -l)" -ge "$max" ]; do wait -n || true; done
-  done
-  wait
+  run_jobs "${jobs[@]}"
   echo "Instructions per operation (callgrind, (I(2N) - I(N)) / N, N = $N)"
   printf '%-17s %-8s %5s  %-11s %-9s %10s %9s\n' record tracking bytes codecs op instr/op x_memcpy
   k=0
@@ -103,6 +97,62 @@ table() {
     [ "$op" = memcpy ] && base=$ir
     awk -v r="$r" -v t="$t" -v bytes="$bytes" -v path="$path" -v op="$op" -v ir="$ir" -v base="$base" \
       'BEGIN { printf "%-17s %-8s %5s  %-11s %-9s %10.1f %9.2f\n", r, t, bytes, path, op, ir, (base > 0 ? ir / base : 0) }'
+  done
+  return $status
+}
+
+# run_jobs <job>...: each job "op record path tracking flags..." is an independent pair of
+# runs; they run side by side, job k's "instructions bytes" (or "failed") in $TMP/job.k.
+run_jobs() {
+  local k=0 max
+  max=$(nproc)
+  for j in "$@"; do
+    read -r op r path t flags <<<"$j"
+    # shellcheck disable=SC2086
+    (per_op "$op" "$r" $flags >"$TMP/job.$k" || echo "failed" >"$TMP/job.$k") &
+    k=$((k + 1))
+    while [ "$(jobs -rp | wc -l)" -ge "$max" ]; do wait -n || true; done
+  done
+  wait
+}
+
+whole_table() {
+  local tracking_modes=(off)
+  while [ $# -gt 0 ]; do
+    case "$1" in
+      -n) N=$2; shift 2 ;;
+      --tracking) tracking_modes=(off on); shift ;;
+      *) echo "instructions.sh: unknown argument $1" >&2; exit 2 ;;
+    esac
+  done
+  local jobs=()
+  for t in "${tracking_modes[@]}"; do
+    local tflag=""
+    [ "$t" = on ] && tflag=--tracking
+    for r in status_info envm_sensor_data; do
+      for op in marshal_unmarshal clone copy memcmp compare superfasthash hash; do
+        jobs+=("$op $r bulk $t $tflag")
+      done
+    done
+  done
+  run_jobs "${jobs[@]}"
+  echo "Whole-object operations: instructions per operation (callgrind, (I(2N) - I(N)) / N, N = $N)"
+  printf '%-17s %-8s %5s  %-17s %10s  %s\n' record tracking bytes op instr/op "x baseline"
+  local k=0 base=0 status=0
+  for j in "${jobs[@]}"; do
+    read -r op r path t flags <<<"$j"
+    local res ir bytes
+    res=$(cat "$TMP/job.$k")
+    k=$((k + 1))
+    if [ "$res" = failed ]; then
+      printf '%-17s %-8s %5s  %-17s %10s\n' "$r" "$t" "?" "$op" FAILED
+      status=1
+      continue
+    fi
+    read -r ir bytes <<<"$res"
+    case "$op" in marshal_unmarshal | memcmp | superfasthash) base=$ir ;; esac
+    awk -v r="$r" -v t="$t" -v bytes="$bytes" -v op="$op" -v ir="$ir" -v base="$base" \
+      'BEGIN { printf "%-17s %-8s %5s  %-17s %10.1f  %.2f\n", r, t, bytes, op, ir, (base > 0 ? ir / base : 0) }'
   done
   return $status
 }
@@ -133,5 +183,6 @@ profile() {
 
 case "${1:-}" in
   profile) shift; profile "$@" ;;
+  whole) shift; whole_table "$@" ;;
   *) table "$@" ;;
 esac

@@ -191,9 +191,33 @@ int32_t compare_field(const TypeDesc &d, const FieldDesc &f, const uint8_t *a, c
   return 0;
 }
 
+bool is_reference(const FieldDesc &f) {
+  return f.kind == FieldKind::VarArray || f.kind == FieldKind::UnionAlt;
+}
+
+// Whether the two instances hold the same bytes everywhere after the header but in their
+// references. Then every field held in place compares equal under its own rule, and only
+// what the references reach is left to compare (the common case of equal instances costs a
+// few memcmp calls instead of a visit per field). Any other difference, padding or a
+// member's header included, takes the field-by-field walk, which finds the first one.
+bool same_in_place(const TypeDesc &d, const uint8_t *a, const uint8_t *b) {
+  uint32_t at = kHdrSize;
+  for (uint16_t i = 0; i < d.nfields; ++i) {
+    const FieldDesc &f = d.fields[i];
+    if (!is_reference(f)) continue;
+    if (std::memcmp(a + at, b + at, f.offset - at)) return false;
+    at = f.offset + sizeof(void *);
+  }
+  return !std::memcmp(a + at, b + at, d.fixed_size - at);
+}
+
 int32_t compare_fields(const TypeDesc &d, const uint8_t *a, const uint8_t *b) {
-  for (uint16_t i = 0; i < d.nfields; ++i)
-    if (int32_t r = compare_field(d, d.fields[i], a, b)) return r;
+  const bool only_references = same_in_place(d, a, b);
+  for (uint16_t i = 0; i < d.nfields; ++i) {
+    const FieldDesc &f = d.fields[i];
+    if (only_references && !is_reference(f)) continue;
+    if (int32_t r = compare_field(d, f, a, b)) return r;
+  }
   return 0;
 }
 
