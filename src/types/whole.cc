@@ -54,11 +54,6 @@ bool is_enum(const FieldDesc &f) {
   return f.kind == FieldKind::Enum || f.kind == FieldKind::Selector;
 }
 
-// Set, but naming another type: reading it at this type's offsets could leave it.
-bool foreign(const TypeDesc &d, const void *inst) {
-  return inst && wex_get_manifested_type_info(inst) && !is_instance_of(d, inst);
-}
-
 const uint8_t *elem(const uint8_t *b, const FieldDesc &f, uint32_t k) {
   return b + f.offset + static_cast<size_t>(k) * f.elem_size;
 }
@@ -147,8 +142,8 @@ int32_t compare_fields(const TypeDesc &d, const uint8_t *a, const uint8_t *b);
 
 // A record referred to by pointer: null first, another type as null.
 int32_t compare_refs(const TypeDesc &d, const void *a, const void *b) {
-  if (foreign(d, a)) a = nullptr;
-  if (foreign(d, b)) b = nullptr;
+  if (foreign_instance(d, a)) a = nullptr;
+  if (foreign_instance(d, b)) b = nullptr;
   if (!a || !b) return a ? 1 : b ? -1 : 0;
   return compare_fields(d, bytes(a), bytes(b));
 }
@@ -273,7 +268,7 @@ void record_get_all(const TypeDesc &d, wex_handle *h, uint32_t ws, const void *i
   if (!err) err = &local;
   if (*err) return;
   wex_clear_last_error(h);
-  if (foreign(d, inst)) {
+  if (foreign_instance(d, inst)) {
     store_err(h, err, 22);
     return;
   }
@@ -344,7 +339,7 @@ int32_t record_compare(const TypeDesc &d, const void *a, const void *b) {
 }
 
 uint32_t record_hash(const TypeDesc &d, const void *inst, uint32_t seed) {
-  if (!inst || foreign(d, inst)) return seed;
+  if (!inst || foreign_instance(d, inst)) return seed;
   return hash_fields(d, bytes(inst), seed);
 }
 
