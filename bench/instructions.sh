@@ -54,17 +54,22 @@ per_op() {
   awk -v a="$i1" -v b="$i2" -v n="$N" -v bytes="$bytes" 'BEGIN { printf "%.1f %s\n", (b - a) / n, bytes }'
 }
 
-table() {
-  local tracking_modes=(off)
+# table_options [-n N] [--tracking]: sets N and TRACKING_MODES (off, or off and on).
+TRACKING_MODES=(off)
+table_options() {
   while [ $# -gt 0 ]; do
     case "$1" in
       -n) N=$2; shift 2 ;;
-      --tracking) tracking_modes=(off on); shift ;;
+      --tracking) TRACKING_MODES=(off on); shift ;;
       *) echo "instructions.sh: unknown argument $1" >&2; exit 2 ;;
     esac
   done
+}
+
+table() {
+  table_options "$@"
   local jobs=()
-  for t in "${tracking_modes[@]}"; do
+  for t in "${TRACKING_MODES[@]}"; do
     local tflag=()
     [ "$t" = on ] && tflag=(--tracking)
     for r in "${RECORDS[@]}"; do
@@ -79,26 +84,8 @@ table() {
     done
   done
   run_jobs "${jobs[@]}"
-  echo "Instructions per operation (callgrind, (I(2N) - I(N)) / N, N = $N)"
-  printf '%-17s %-8s %5s  %-11s %-9s %10s %9s\n' record tracking bytes codecs op instr/op x_memcpy
-  k=0
-  local base=0 status=0
-  for j in "${jobs[@]}"; do
-    read -r op r path t flags <<<"$j"
-    local res ir bytes
-    res=$(cat "$TMP/job.$k")
-    k=$((k + 1))
-    if [ "$res" = failed ]; then
-      printf '%-17s %-8s %5s  %-11s %-9s %10s\n' "$r" "$t" "?" "$path" "$op" FAILED
-      status=1
-      continue
-    fi
-    read -r ir bytes <<<"$res"
-    [ "$op" = memcpy ] && base=$ir
-    awk -v r="$r" -v t="$t" -v bytes="$bytes" -v path="$path" -v op="$op" -v ir="$ir" -v base="$base" \
-      'BEGIN { printf "%-17s %-8s %5s  %-11s %-9s %10.1f %9.2f\n", r, t, bytes, path, op, ir, (base > 0 ? ir / base : 0) }'
-  done
-  return $status
+  print_rows "Instructions per operation (callgrind, (I(2N) - I(N)) / N, N = $N)" x_memcpy \
+    "memcpy" "${jobs[@]}"
 }
 
 # run_jobs <job>...: each job "op record path tracking flags..." is an independent pair of
@@ -116,17 +103,35 @@ run_jobs() {
   wait
 }
 
-whole_table() {
-  local tracking_modes=(off)
-  while [ $# -gt 0 ]; do
-    case "$1" in
-      -n) N=$2; shift 2 ;;
-      --tracking) tracking_modes=(off on); shift ;;
-      *) echo "instructions.sh: unknown argument $1" >&2; exit 2 ;;
-    esac
+# print_rows <title> <ratio heading> "<baseline ops>" <job>...: a row per job (its result
+# from run_jobs), with its instructions over those of the latest baseline row before it.
+print_rows() {
+  local title=$1 heading=$2 baselines=" $3 " k=0 base=0 status=0
+  shift 3
+  echo "$title"
+  printf '%-17s %-8s %5s  %-11s %-17s %10s %10s\n' record tracking bytes codecs op instr/op "$heading"
+  for j in "$@"; do
+    read -r op r path t flags <<<"$j"
+    local res ir bytes
+    res=$(cat "$TMP/job.$k")
+    k=$((k + 1))
+    if [ "$res" = failed ]; then
+      printf '%-17s %-8s %5s  %-11s %-17s %10s\n' "$r" "$t" "?" "$path" "$op" FAILED
+      status=1
+      continue
+    fi
+    read -r ir bytes <<<"$res"
+    [[ "$baselines" == *" $op "* ]] && base=$ir
+    awk -v r="$r" -v t="$t" -v bytes="$bytes" -v path="$path" -v op="$op" -v ir="$ir" -v base="$base" \
+      'BEGIN { printf "%-17s %-8s %5s  %-11s %-17s %10.1f %10.2f\n", r, t, bytes, path, op, ir, (base > 0 ? ir / base : 0) }'
   done
+  return $status
+}
+
+whole_table() {
+  table_options "$@"
   local jobs=()
-  for t in "${tracking_modes[@]}"; do
+  for t in "${TRACKING_MODES[@]}"; do
     local tflag=""
     [ "$t" = on ] && tflag=--tracking
     for r in status_info envm_sensor_data; do
@@ -136,25 +141,8 @@ whole_table() {
     done
   done
   run_jobs "${jobs[@]}"
-  echo "Whole-object operations: instructions per operation (callgrind, (I(2N) - I(N)) / N, N = $N)"
-  printf '%-17s %-8s %5s  %-17s %10s  %s\n' record tracking bytes op instr/op "x baseline"
-  local k=0 base=0 status=0
-  for j in "${jobs[@]}"; do
-    read -r op r path t flags <<<"$j"
-    local res ir bytes
-    res=$(cat "$TMP/job.$k")
-    k=$((k + 1))
-    if [ "$res" = failed ]; then
-      printf '%-17s %-8s %5s  %-17s %10s\n' "$r" "$t" "?" "$op" FAILED
-      status=1
-      continue
-    fi
-    read -r ir bytes <<<"$res"
-    case "$op" in marshal_unmarshal | memcmp | superfasthash) base=$ir ;; esac
-    awk -v r="$r" -v t="$t" -v bytes="$bytes" -v op="$op" -v ir="$ir" -v base="$base" \
-      'BEGIN { printf "%-17s %-8s %5s  %-17s %10.1f  %.2f\n", r, t, bytes, op, ir, (base > 0 ? ir / base : 0) }'
-  done
-  return $status
+  print_rows "Whole-object operations: instructions per operation (callgrind, (I(2N) - I(N)) / N, N = $N)" \
+    x_baseline "marshal_unmarshal memcmp superfasthash" "${jobs[@]}"
 }
 
 profile() {

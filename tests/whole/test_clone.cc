@@ -45,43 +45,50 @@ class Clone : public Whole {
     op<CloneFn>(type, form.c_str())(h, 0, src, &dst, buf.data(), uint32_t(buf.size()), &err);
     return err;
   }
+  // fn(type, alternative, source) for every record and alternative, tracking off and on;
+  // afterwards nothing may be left allocated.
+  template <typename Fn>
+  void each_case(Fn &&fn) {
+    for (uint32_t mode : {0u, WEX_STTR_ON}) {
+      h.set_mode(mode);
+      for (const std::string &type : records())
+        for (uint32_t alt : alts(type)) {
+          SCOPED_TRACE(type + " alternative " + std::to_string(alt) + (mode ? " tracked" : ""));
+          uint8_t *src = make(type, 9, alt);
+          fn(type, alt, src);
+          drop(type, src);
+          EXPECT_TRUE(h.live.empty());
+        }
+    }
+  }
 };
 
 // Every form, every record and alternative, tracking off and on: the copy compares equal
 // and encodes to the same bytes; changing all of it leaves the source alone; nothing leaks.
 TEST_F(Clone, EveryFormCopiesEveryRecordIndependentlyWithoutLeaks) {
-  for (uint32_t mode : {0u, WEX_STTR_ON}) {
-    h.set_mode(mode);
-    for (const std::string &type : records()) {
-      for (uint32_t alt : alts(type)) {
-        SCOPED_TRACE(type + " alternative " + std::to_string(alt) + (mode ? " tracked" : ""));
-        uint8_t *src = make(type, 9, alt);
-        const Bytes wire = encode(h, type, src), owned = owned_bytes(h, type, src);
-        EXPECT_LE(wire.size(), WEX_HANDLE_WS_SIZE);
-        for (const char *form : {"clone", "clone_internal", "clone_cr", "copy_cr"}) {
-          // The forms that decode into an existing instance get one holding other things.
-          const bool into = std::string(form) == "copy_cr" || std::string(form) == "clone_internal";
-          void *dst = into ? make(type, 77, other(alt), 20) : nullptr, *given = dst;
-          ASSERT_EQ(run(form, type, src, dst), 0u) << form;
-          EXPECT_EQ(std::tuple(into ? dst == given : dst != src, compare(type, src, dst),
-                               encode(h, type, dst)),
-                    std::tuple(true, 0, wire))
-              << form;
-          if (!into) {
-            EXPECT_EQ(hash(type, dst), hash(type, src)) << form;
-          }
-          std::vector<Leaf> all;
-          leaves(type, static_cast<uint8_t *>(dst), all, true);
-          for (Leaf &l : all) l.at[0] ^= 0xA5;
-          EXPECT_EQ(owned_bytes(h, type, src), owned) << form;
-          EXPECT_NE(compare(type, src, dst), 0) << form;
-          drop(type, dst);
-        }
-        drop(type, src);
-        EXPECT_TRUE(h.live.empty());
+  each_case([&](const std::string &type, uint32_t alt, uint8_t *src) {
+    const Bytes wire = encode(h, type, src), owned = owned_bytes(h, type, src);
+    EXPECT_LE(wire.size(), WEX_HANDLE_WS_SIZE);
+    for (const char *form : {"clone", "clone_internal", "clone_cr", "copy_cr"}) {
+      // The forms that decode into an existing instance get one holding other things.
+      const bool into = std::string(form) == "copy_cr" || std::string(form) == "clone_internal";
+      void *dst = into ? make(type, 77, other(alt), 20) : nullptr, *given = dst;
+      ASSERT_EQ(run(form, type, src, dst), 0u) << form;
+      EXPECT_EQ(std::tuple(into ? dst == given : dst != src, compare(type, src, dst),
+                           encode(h, type, dst)),
+                std::tuple(true, 0, wire))
+          << form;
+      if (!into) {
+        EXPECT_EQ(hash(type, dst), hash(type, src)) << form;
       }
+      std::vector<Leaf> all;
+      leaves(type, static_cast<uint8_t *>(dst), all, true);
+      for (Leaf &l : all) l.at[0] ^= 0xA5;
+      EXPECT_EQ(owned_bytes(h, type, src), owned) << form;
+      EXPECT_NE(compare(type, src, dst), 0) << form;
+      drop(type, dst);
     }
-  }
+  });
 }
 
 TEST_F(Clone, RefusalsAndFailuresLeaveTheDestinationAsTheContractSays) {
@@ -157,81 +164,61 @@ TEST_F(Clone, RefusalsAndFailuresLeaveTheDestinationAsTheContractSays) {
 // Each allocation in turn fails: 12 or success, never a leak, and copy_cr's destination
 // stays the caller's valid instance (a later copy into it succeeds).
 TEST_F(Clone, AllocationFailureAtEveryStep) {
-  for (uint32_t mode : {0u, WEX_STTR_ON}) {
-    h.set_mode(mode);
-    for (const std::string &type : records()) {
-      for (uint32_t alt : alts(type)) {
-        SCOPED_TRACE(type + " alternative " + std::to_string(alt) + (mode ? " tracked" : ""));
-        uint8_t *src = make(type, 9, alt);
-        for (const char *form : {"clone_cr", "copy_cr"}) {
-          for (uint32_t k = 1, got = 12; got; ++k) {
-            const auto before = live(h);
-            void *dst = std::string(form) == "copy_cr" ? make(type, 77, other(alt), 20) : nullptr;
-            h.fail_at = h.allocs + k;
-            got = run(form, type, src, dst);
-            h.fail_at = 0;
-            ASSERT_TRUE(got == 0 || got == 12) << form << " " << k << ": " << got;
-            if (got && dst == nullptr) {
-              EXPECT_EQ(live(h), before) << form << " " << k;
-              continue;
-            }
-            if (got) {
-              EXPECT_EQ(run(form, type, src, dst), 0u) << form << " " << k << ", again";
-            }
-            EXPECT_EQ(compare(type, src, dst), 0) << form << " " << k;
-            drop(type, dst);
-            EXPECT_EQ(live(h), before) << form << " " << k;
-          }
+  each_case([&](const std::string &type, uint32_t alt, uint8_t *src) {
+    for (const char *form : {"clone_cr", "copy_cr"}) {
+      for (uint32_t k = 1, got = 12; got; ++k) {
+        const auto before = live(h);
+        void *dst = std::string(form) == "copy_cr" ? make(type, 77, other(alt), 20) : nullptr;
+        h.fail_at = h.allocs + k;
+        got = run(form, type, src, dst);
+        h.fail_at = 0;
+        ASSERT_TRUE(got == 0 || got == 12) << form << " " << k << ": " << got;
+        if (got && dst == nullptr) {
+          EXPECT_EQ(live(h), before) << form << " " << k;
+          continue;
         }
-        drop(type, src);
+        if (got) {
+          EXPECT_EQ(run(form, type, src, dst), 0u) << form << " " << k << ", again";
+        }
+        EXPECT_EQ(compare(type, src, dst), 0) << form << " " << k;
+        drop(type, dst);
+        EXPECT_EQ(live(h), before) << form << " " << k;
       }
     }
-  }
+  });
 }
 
 // The runtime copied the bytes (and placed the copy's embedded areas); after the clean-up
 // the copy owns what the references reach and both can be destroyed.
 TEST_F(Clone, PostCopyoutCleanupMovesReferencesToTheTarget) {
   using UpdateFn = void (*)(wex_handle *, uint32_t, void *, void *);
-  for (uint32_t mode : {0u, WEX_STTR_ON}) {
-    h.set_mode(mode);
-    for (const std::string &type : records()) {
-      SCOPED_TRACE(type + (mode ? " tracked" : ""));
-      uint8_t *src = make(type, 9, 6);
-      void *ref = nullptr;
-      ASSERT_EQ(run("clone_cr", type, src, ref), 0u);
-      const uint32_t size = h.live.at(src);
-      auto *target = static_cast<uint8_t *>(h->allocate(h->alloc_ctx, 0, size));
-      std::memcpy(target, src, size);
-      if (mode)
-        op<UpdateFn>(type, "offset_update")(h, 0, target, target + type_of(type).fixed_size);
-      EXPECT_TRUE(
-          watched([&] { op<PairFn>(type, "post_copyout_cleanup")(h, 0, target, src, &err); }));
-      EXPECT_EQ(std::tuple(err, compare(type, target, ref), encode(h, type, target)),
-                std::tuple(0u, 0, encode(h, type, ref)));
-      for (const Field *f : fields_of(type)) {
-        if (is(*f, "UnionAlt") || is(*f, "VarArray")) {
-          EXPECT_EQ(*reinterpret_cast<void **>(src + f->offset), nullptr) << f->name;
-        }
-        if (is(*f, "Count")) {
-          EXPECT_EQ(*reinterpret_cast<uint32_t *>(src + f->offset), 0u);
-        }
-        if (is(*f, "VarArray") && mode) {
-          EXPECT_EQ(*reinterpret_cast<void **>(area_of(h, src, type_of(type)) + f->sttr_ptr),
-                    nullptr);
-        }
-      }
-      EXPECT_EQ(
-          std::tuple(
-              code([&] { op<PairFn>(type, "post_copyout_cleanup")(h, 0, target, target, &err); }),
-              code([&] {
-                op<PairFn>(type, "post_copyout_cleanup")(h, 0, target, null_instance(type), &err);
-              })),
-          std::tuple(0u, 22u));
-      drop(type, src), drop(type, target), drop(type, ref);
-      EXPECT_TRUE(h.live.empty());
+  each_case([&](const std::string &type, uint32_t, uint8_t *src) {
+    void *ref = nullptr;
+    ASSERT_EQ(run("clone_cr", type, src, ref), 0u);
+    const uint32_t size = h.live.at(src);
+    auto *target = static_cast<uint8_t *>(h->allocate(h->alloc_ctx, 0, size));
+    std::memcpy(target, src, size);
+    if (flags_of(src) & 0x08)
+      op<UpdateFn>(type, "offset_update")(h, 0, target, target + type_of(type).fixed_size);
+    auto cleanup = [&](void *t, void *s) {
+      return code([&] { op<PairFn>(type, "post_copyout_cleanup")(h, 0, t, s, &err); });
+    };
+    EXPECT_TRUE(watched([&] { EXPECT_EQ(cleanup(target, src), 0u); }));
+    EXPECT_EQ(std::tuple(compare(type, target, ref), encode(h, type, target)),
+              std::tuple(0, encode(h, type, ref)));
+    for (const Field *f : fields_of(type)) {  // the source refers to nothing any more
+      uint64_t held = 0;
+      if (is(*f, "UnionAlt") || is(*f, "VarArray"))
+        held = *reinterpret_cast<uint64_t *>(src + f->offset);
+      if (is(*f, "Count")) held = *reinterpret_cast<uint32_t *>(src + f->offset);
+      if (is(*f, "VarArray") && (flags_of(src) & 0x08))
+        held |= *reinterpret_cast<uint64_t *>(area_of(h, src, type_of(type)) + f->sttr_ptr);
+      EXPECT_EQ(held, 0u) << f->name;
     }
-  }
+    EXPECT_EQ(std::tuple(cleanup(target, target), cleanup(target, null_instance(type))),
+              std::tuple(0u, 22u));
+    drop(type, target), drop(type, ref);
+  });
 }
 
 // Each embedded record (nested ones included) at base + its place in the parent's area, as
