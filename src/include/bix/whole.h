@@ -15,6 +15,8 @@
 //   slot, records 22 with the handle only.
 // - set_all leaves the state bytes alone: it stores through the runtime's primitive setters
 //   and the enumerations' own range rule, as get_all reads through the primitive getters.
+// - set_all_state_tracking_flag treats a corrupted tracking mode word as every other reader
+//   of the mode does: fatal "Corrupted WEX Handle".
 #pragma once
 
 #include "bix/desc.h"
