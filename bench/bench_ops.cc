@@ -2,7 +2,12 @@
 // else, so that two runs under callgrind with N and 2N iterations differ by exactly N
 // operations (bench/instructions.sh).
 //
-//   bench_ops <memcpy|len|marshal|unmarshal> <record> <iterations> [--per-element] [--tracking]
+//   bench_ops <op> <record> <iterations> [--per-element] [--tracking]
+//
+// <op>: memcpy, len, marshal, unmarshal (the wire codec), or a whole-object operation with
+// its baseline: marshal_unmarshal, clone (clone_cr and destroy), copy (copy_cr), memcmp,
+// compare, superfasthash, hash (memcmp and SuperFastHash over the bytes compare and hash
+// walk).
 //
 // <record> is a case label (status_info, envm_sensor_data, shim_data_1k) or its type name.
 // memcpy copies as many bytes as the record's encoding holds.
@@ -17,8 +22,9 @@ namespace {
 
 int usage() {
   std::fprintf(stderr,
-               "usage: bench_ops <memcpy|len|marshal|unmarshal> <record> <iterations> "
-               "[--per-element] [--tracking]\nrecords:");
+               "usage: bench_ops <op> <record> <iterations> [--per-element] [--tracking]\n"
+               "ops: memcpy len marshal unmarshal marshal_unmarshal clone copy memcmp compare "
+               "superfasthash hash\nrecords:");
   for (const auto &c : bixbench::cases()) std::fprintf(stderr, " %s", c.label);
   std::fprintf(stderr, "\n");
   return 2;
@@ -51,7 +57,9 @@ int main(int argc, char **argv) {
   const bixbench::Case *c = bixbench::find_case(pos[1]);
   char *end = nullptr;
   const unsigned long iterations = std::strtoul(pos[2].c_str(), &end, 10);
-  if (!c || *end || (op != "memcpy" && op != "len" && op != "marshal" && op != "unmarshal"))
+  const bixbench::WholeOp *whole = bixbench::find_whole_op(op);
+  if (!c || *end ||
+      (!whole && op != "memcpy" && op != "len" && op != "marshal" && op != "unmarshal"))
     return usage();
 
   bixbench::Subject s(*c, tracking);
@@ -64,6 +72,25 @@ int main(int argc, char **argv) {
   const size_t bytes = s.wire.size();
   uint32_t err = 0, n = 0;
   // One operation outside the counted difference: lazy binding and first-use set-up.
+  if (whole) {
+    // Reported with the bytes the operation covers: the encoding for the clone forms,
+    // the walked bytes for compare, hash and their baselines.
+    const bool walks = s.flat.size() &&
+                       (op == "memcmp" || op == "compare" || op == "superfasthash" || op == "hash");
+    uint32_t r = (s.*whole->run)();
+    for (unsigned long i = 0; i < iterations && !(whole->zero && r); ++i) {
+      r = (s.*whole->run)();
+      keep(r);
+    }
+    if (whole->zero && r) {
+      std::fprintf(stderr, "bench_ops: %s %s: answered %u\n", op.c_str(), c->label, r);
+      return 1;
+    }
+    std::printf("%s %s %s bytes %zu codecs %s\n", op.c_str(), c->label,
+                tracking ? "sttr_on" : "sttr_off", walks ? s.flat.size() : bytes,
+                bixbench::codec_path());
+    return 0;
+  }
   if (op == "memcpy") {
     std::memcpy(dst, src, bytes);
     for (unsigned long i = 0; i < iterations; ++i) {

@@ -19,6 +19,7 @@
 #include <tuple>
 #include <vector>
 
+#include "bench_args.h"
 #include "subjects.h"
 
 namespace {
@@ -178,26 +179,8 @@ class RatioReporter : public benchmark::ConsoleReporter {
 }  // namespace
 
 int main(int argc, char **argv) {
-  // Our own flags first: the codec path must be chosen before any library call.
-  bool tracking = false, min_time_given = false;
-  std::vector<char *> args;
-  for (int i = 0; i < argc; ++i) {
-    if (i > 0 && std::strcmp(argv[i], "--per-element") == 0) {
-      bixbench::use_per_element_codecs();
-    } else if (i > 0 && std::strcmp(argv[i], "--tracking") == 0) {
-      tracking = true;
-    } else {
-      if (std::strncmp(argv[i], "--benchmark_min_time", 20) == 0) min_time_given = true;
-      args.push_back(argv[i]);
-    }
-  }
-  // Short runs by default: every benchmark well under a second.
-  char default_min_time[] = "--benchmark_min_time=0.2";
-  if (!min_time_given) args.push_back(default_min_time);
-  int n = static_cast<int>(args.size());
-  args.push_back(nullptr);
-  benchmark::Initialize(&n, args.data());
-  if (benchmark::ReportUnrecognizedArguments(n, args.data())) return 2;
+  bool tracking = false;
+  if (!bixbench::init_benchmark(argc, argv, &tracking)) return 2;
 
   const char *path = bixbench::codec_path();
   std::vector<std::unique_ptr<Subject>> subjects;

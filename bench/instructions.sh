@@ -7,6 +7,10 @@
 #       the table: memcpy of the encoded bytes, then len, marshal and unmarshal of each
 #       record with the bulk and with the per-element codecs (state tracking off; with
 #       --tracking, on as well)
+#   bench/instructions.sh whole [-n N] [--tracking]
+#       the whole-object operations beside their baselines, for status_info and
+#       envm_sensor_data: clone (clone_cr + destroy) and copy (copy_cr) beside marshal +
+#       unmarshal, compare beside memcmp, hash beside SuperFastHash of the walked bytes
 #   bench/instructions.sh profile <op> <record> [-n N] [--per-element] [--tracking]
 #                                 [--lines FILE]...
 #       where one operation's instructions go: per function, instructions and calls per
@@ -50,19 +54,22 @@ per_op() {
   awk -v a="$i1" -v b="$i2" -v n="$N" -v bytes="$bytes" 'BEGIN { printf "%.1f %s\n", (b - a) / n, bytes }'
 }
 
-table() {
-  local tracking_modes=(off)
+# table_options [-n N] [--tracking]: sets N and TRACKING_MODES (off, or off and on).
+TRACKING_MODES=(off)
+table_options() {
   while [ $# -gt 0 ]; do
     case "$1" in
       -n) N=$2; shift 2 ;;
-      --tracking) tracking_modes=(off on); shift ;;
+      --tracking) TRACKING_MODES=(off on); shift ;;
       *) echo "instructions.sh: unknown argument $1" >&2; exit 2 ;;
     esac
   done
-  # Every count is an independent pair of runs: run them side by side, print in order.
-  local jobs=() max
-  max=$(nproc)
-  for t in "${tracking_modes[@]}"; do
+}
+
+table() {
+  table_options "$@"
+  local jobs=()
+  for t in "${TRACKING_MODES[@]}"; do
     local tflag=()
     [ "$t" = on ] && tflag=(--tracking)
     for r in "${RECORDS[@]}"; do
@@ -76,8 +83,17 @@ table() {
       done
     done
   done
-  local k=0
-  for j in "${jobs[@]}"; do
+  run_jobs "${jobs[@]}"
+  print_rows "Instructions per operation (callgrind, (I(2N) - I(N)) / N, N = $N)" x_memcpy \
+    "memcpy" "${jobs[@]}"
+}
+
+# run_jobs <job>...: each job "op record path tracking flags..." is an independent pair of
+# runs; they run side by side, job k's "instructions bytes" (or "failed") in $TMP/job.k.
+run_jobs() {
+  local k=0 max
+  max=$(nproc)
+  for j in "$@"; do
     read -r op r path t flags <<<"$j"
     # shellcheck disable=SC2086
     (per_op "$op" "$r" $flags >"$TMP/job.$k" || echo "failed" >"$TMP/job.$k") &
@@ -85,26 +101,48 @@ table() {
     while [ "$(jobs -rp | wc -l)" -ge "$max" ]; do wait -n || true; done
   done
   wait
-  echo "Instructions per operation (callgrind, (I(2N) - I(N)) / N, N = $N)"
-  printf '%-17s %-8s %5s  %-11s %-9s %10s %9s\n' record tracking bytes codecs op instr/op x_memcpy
-  k=0
-  local base=0 status=0
-  for j in "${jobs[@]}"; do
+}
+
+# print_rows <title> <ratio heading> "<baseline ops>" <job>...: a row per job (its result
+# from run_jobs), with its instructions over those of the latest baseline row before it.
+print_rows() {
+  local title=$1 heading=$2 baselines=" $3 " k=0 base=0 status=0
+  shift 3
+  echo "$title"
+  printf '%-17s %-8s %5s  %-11s %-17s %10s %10s\n' record tracking bytes codecs op instr/op "$heading"
+  for j in "$@"; do
     read -r op r path t flags <<<"$j"
     local res ir bytes
     res=$(cat "$TMP/job.$k")
     k=$((k + 1))
     if [ "$res" = failed ]; then
-      printf '%-17s %-8s %5s  %-11s %-9s %10s\n' "$r" "$t" "?" "$path" "$op" FAILED
+      printf '%-17s %-8s %5s  %-11s %-17s %10s\n' "$r" "$t" "?" "$path" "$op" FAILED
       status=1
       continue
     fi
     read -r ir bytes <<<"$res"
-    [ "$op" = memcpy ] && base=$ir
+    [[ "$baselines" == *" $op "* ]] && base=$ir
     awk -v r="$r" -v t="$t" -v bytes="$bytes" -v path="$path" -v op="$op" -v ir="$ir" -v base="$base" \
-      'BEGIN { printf "%-17s %-8s %5s  %-11s %-9s %10.1f %9.2f\n", r, t, bytes, path, op, ir, (base > 0 ? ir / base : 0) }'
+      'BEGIN { printf "%-17s %-8s %5s  %-11s %-17s %10.1f %10.2f\n", r, t, bytes, path, op, ir, (base > 0 ? ir / base : 0) }'
   done
   return $status
+}
+
+whole_table() {
+  table_options "$@"
+  local jobs=()
+  for t in "${TRACKING_MODES[@]}"; do
+    local tflag=""
+    [ "$t" = on ] && tflag=--tracking
+    for r in status_info envm_sensor_data; do
+      for op in marshal_unmarshal clone copy memcmp compare superfasthash hash; do
+        jobs+=("$op $r bulk $t $tflag")
+      done
+    done
+  done
+  run_jobs "${jobs[@]}"
+  print_rows "Whole-object operations: instructions per operation (callgrind, (I(2N) - I(N)) / N, N = $N)" \
+    x_baseline "marshal_unmarshal memcmp superfasthash" "${jobs[@]}"
 }
 
 profile() {
@@ -133,5 +171,6 @@ profile() {
 
 case "${1:-}" in
   profile) shift; profile "$@" ;;
+  whole) shift; whole_table "$@" ;;
   *) table "$@" ;;
 esac

@@ -8,6 +8,7 @@
 
 #include "../tests/wire/fill.h"
 #include "bix_schema_facts.h"
+#include "superfasthash.h"
 
 namespace bixbench {
 namespace {
@@ -23,8 +24,31 @@ namespace {
           return T##_marshal(h, ws, buf, static_cast<const T *>(i), len, err);                   \
         },                                                                                       \
         [](wex_handle *h, uint32_t ws, const uint8_t *buf, void *i, int32_t len, uint32_t reuse, \
-           uint32_t *err) { return T##_unmarshal(h, ws, buf, static_cast<T *>(i), len, reuse, err); } \
+           uint32_t *err) { return T##_unmarshal(h, ws, buf, static_cast<T *>(i), len, reuse, err); }, \
+        [](wex_handle *h, const void *i) -> void * { return T##_clone_cr(h, static_cast<const T *>(i)); }, \
+        [](wex_handle *h, const void *i, void *d) { T##_copy_cr(h, static_cast<const T *>(i), static_cast<T *>(d)); }, \
+        [](const void *a, const void *b) { return T##_compare(static_cast<const T *>(a), static_cast<const T *>(b)); }, \
+        [](const void *i, uint32_t seed) { return T##_hash(static_cast<const T *>(i), seed); } \
   }
+
+// An instance's fixed part followed by its selected alternative's.
+std::vector<uint8_t> flat_bytes(const std::string &type, const void *inst) {
+  const auto *b = static_cast<const uint8_t *>(inst);
+  std::vector<uint8_t> out(b, b + bixtest::facts_type(type)->fixed_size);
+  const bixfacts::Field *first = nullptr;  // the type's fields lie together in the facts
+  for (const auto &f : bixfacts::kFields) {
+    if (type != f.type) continue;
+    if (!first) first = &f;
+    if (std::string_view(f.kind) != "UnionAlt") continue;
+    uint32_t selector = 0;
+    const uint8_t *alt = nullptr;
+    std::memcpy(&selector, b + first[f.link].offset + 12, sizeof selector);
+    std::memcpy(&alt, b + f.offset, sizeof alt);
+    if (selector == f.count && alt)
+      out.insert(out.end(), alt, alt + bixtest::facts_type(f.member)->fixed_size);
+  }
+  return out;
+}
 
 }  // namespace
 
@@ -40,6 +64,25 @@ const std::vector<Case> &cases() {
 const Case *find_case(const std::string &name) {
   for (const Case &c : cases())
     if (name == c.label || name == c.ops.type) return &c;
+  return nullptr;
+}
+
+const std::vector<WholeOp> &whole_ops() {
+  static const std::vector<WholeOp> all = {
+      {"marshal_unmarshal", &Subject::marshal_unmarshal, true},
+      {"clone", &Subject::clone_destroy, true},
+      {"copy", &Subject::copy, true},
+      {"memcmp", &Subject::memcmp_flat, true},
+      {"compare", &Subject::compare, true},
+      {"superfasthash", &Subject::superfasthash_flat, false},
+      {"hash", &Subject::hash, false},
+  };
+  return all;
+}
+
+const WholeOp *find_whole_op(const std::string &name) {
+  for (const WholeOp &w : whole_ops())
+    if (name == w.name) return &w;
   return nullptr;
 }
 
@@ -84,6 +127,9 @@ Subject::Subject(const Case &cs, bool track) : c(cs), tracking(track) {
             std::to_string(read) + " of " + std::to_string(n) + " bytes";
     return;
   }
+  const std::vector<uint8_t> bytes = flat_bytes(c.ops.type, src);
+  flat.assign(bytes.data(), bytes.size());
+  flat_copy.assign(bytes.data(), bytes.size());
   // The decoded copy must encode to the same bytes.
   const uint32_t again = c.ops.marshal(h, 0, out.data(), dst, static_cast<int32_t>(room), &err);
   if (err || again != n || std::memcmp(out.data(), wire.data(), n) != 0)
@@ -96,6 +142,14 @@ Subject::~Subject() {
   if (dst) c.ops.destroy(h, 0, dst);
   h->sttr_profile = nullptr;
   wex_handle_free(h);
+}
+
+uint32_t Subject::memcmp_flat() {
+  return static_cast<uint32_t>(std::memcmp(flat.data(), flat_copy.data(), flat.size()));
+}
+
+uint32_t Subject::superfasthash_flat() {
+  return SuperFastHash(flat.data(), static_cast<uint32_t>(flat.size()), 0x5eed);
 }
 
 const char *codec_path() {

@@ -18,6 +18,10 @@ using UnmarshalFn = uint32_t (*)(wex_handle *, uint32_t, const uint8_t *, void *
                                  uint32_t *);
 using CreateFn = void *(*)(wex_handle *, uint32_t);
 using DestroyFn = void (*)(wex_handle *, uint32_t, void *);
+using CloneCrFn = void *(*)(wex_handle *, const void *);
+using CopyCrFn = void (*)(wex_handle *, const void *, void *);
+using CompareFn = int32_t (*)(const void *, const void *);
+using HashFn = uint32_t (*)(const void *, uint32_t);
 
 // The record operations of one type, called directly (no lookup on the measured path).
 struct Ops {
@@ -27,6 +31,10 @@ struct Ops {
   LenFn len;
   MarshalFn marshal;
   UnmarshalFn unmarshal;
+  CloneCrFn clone_cr;
+  CopyCrFn copy_cr;
+  CompareFn compare;
+  HashFn hash;
 };
 
 // What is measured: a record type, the union alternative its selectors pick (1..7) and
@@ -71,7 +79,10 @@ class Subject {
   wex_handle *h = nullptr;
   void *src = nullptr;
   void *dst = nullptr;
-  Buffer wire;        // the encoding of src
+  Buffer wire;  // the encoding of src
+  // The bytes compare and hash walk: src's fixed part, then the fixed part of its selected
+  // alternative, if any; twice, so memcmp has two copies to compare.
+  Buffer flat, flat_copy;
   Buffer out;         // where marshal writes
   uint32_t room = 0;  // what len() answers: the room marshal is given
   std::string error;  // why the subject is unusable; empty when it is fine
@@ -88,9 +99,47 @@ class Subject {
     return c.ops.unmarshal(h, 0, wire.data(), dst, static_cast<int32_t>(wire.size()), 1, err);
   }
 
+  // The whole-object operations, each beside its baseline. The clone forms and their
+  // baseline answer an error code; compare and memcmp of the equal copies answer 0.
+  // marshal + unmarshal: what a clone does by hand (encode src, decode into dst).
+  uint32_t marshal_unmarshal() {
+    uint32_t err = 0;
+    marshal(&err);
+    if (!err) unmarshal(&err);
+    return err;
+  }
+  // A new copy through the handle's scratch buffer, destroyed again.
+  uint32_t clone_destroy() {
+    h->error = 0;
+    void *copy = c.ops.clone_cr(h, src);
+    if (copy) c.ops.destroy(h, 0, copy);
+    return copy ? h->error : 1;
+  }
+  // src decoded into the existing dst.
+  uint32_t copy() {
+    h->error = 0;
+    c.ops.copy_cr(h, src, dst);
+    return h->error;
+  }
+  uint32_t compare() { return static_cast<uint32_t>(c.ops.compare(src, dst)); }
+  uint32_t memcmp_flat();
+  uint32_t hash() { return c.ops.hash(src, 0x5eed); }
+  uint32_t superfasthash_flat();
+
  private:
   wex_sttr_profile profile_{};
 };
+
+// A whole-object operation or its baseline, by name; `zero`: it answers 0 when it worked.
+struct WholeOp {
+  const char *name;
+  uint32_t (Subject::*run)();
+  bool zero;
+};
+// In pairs, baseline first: marshal_unmarshal with clone and copy, memcmp with compare,
+// superfasthash with hash.
+const std::vector<WholeOp> &whole_ops();
+const WholeOp *find_whole_op(const std::string &name);
 
 // Which wire codec path the library takes in this process: "bulk" or "per-element".
 // Set before the first library call; the library reads it once.

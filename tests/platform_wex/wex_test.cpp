@@ -106,8 +106,13 @@ TEST_F(Wex, AccessorsAnnounceStoresAndCheckArguments) {
   // A NULL field is left to the caller by get, and is 22 for get_value.
   EXPECT_EQ(u_int8_get(h, 0, nullptr, &err), nullptr);
   EXPECT_EQ((Codes{err, u_int32_get_value(h, 0, nullptr, &err), err}), (Codes{0, 0, 22}));
-  int16_set_value(h, 0, &field, 1, &err);  // the slot is set: nothing stored, get answers NULL
-  EXPECT_EQ(std::tuple(field, int16_get(h, 0, &field, &err)), std::tuple(300, nullptr));
+  // With a code pending, set_value alone still stores (and keeps the code); set does not,
+  // and get answers NULL.
+  int16_set_value(h, 0, &field, 1, &err);
+  int16_set(h, 0, &field, &src, &err);
+  int16_set_value(h, 0, nullptr, 2, &err);
+  EXPECT_EQ(std::tuple(field, int16_get(h, 0, &field, &err), err, log.size(), log.back()),
+            std::tuple(1, nullptr, 22u, size_t{3}, std::pair<void *, uint32_t>(&field, 2)));
   uint32_t a = 1, b = 2;
   uint8_t one = 1;
   EXPECT_NE(u_int32_hash(&a, 7), u_int32_hash(&b, 7));

@@ -161,6 +161,10 @@ bool layout_record(Schema &s, Type &t, std::set<std::string> &busy, std::set<std
     f.in_get_all = f.kind == FieldKind::Prim || f.kind == FieldKind::Count ||
                    f.kind == FieldKind::Enum || f.kind == FieldKind::Selector;
     f.in_set_all = f.kind == FieldKind::Prim || f.kind == FieldKind::Enum;
+    // Those fields become parameters of get_all and set_all beside these.
+    static const std::set<std::string> kTaken = {"h", "ws", "inst", "err", "outs", "ins"};
+    if (f.in_get_all && kTaken.count(f.name))
+      return fail(t, f.line, "field name " + f.name + " is taken by a get_all/set_all parameter");
   }
   t.computed_used = off;
   t.fixed_size = t.used + t.slop;

@@ -1,7 +1,11 @@
 // The exported operation families. Each entry yields a prototype in the public header
 // and a one-line forwarding function in the type's unit. Placeholders in ret, params
 // and body: $T type name, $D its descriptor; in field operations also $F field name,
-// $FD the field's descriptor, $E the field's C value type.
+// $FD the field's descriptor, $E the field's C value type. In a record's ops, also the
+// scalars that get_all reads and set_all writes, in schema order: $GET_ALL_PARAMS and
+// $SET_ALL_PARAMS (", <type> name" per field: out pointers, values), $GET_ALL_OUTS and
+// $SET_ALL_INS (an array initialiser of them, never empty), $GET_ALL_NAMES and
+// $SET_ALL_NAMES (their names, for doc comments).
 #pragma once
 
 #include <vector>
@@ -33,11 +37,13 @@ struct FieldOpSpec {
 };
 
 // One function per family, each in its own file; ops.cc concatenates them in order.
-std::vector<OpSpec> lifecycle_ops();  // ops_lifecycle.cc
-std::vector<OpSpec> value_ops();      // ops_values.cc: enumerations and flag sets
-std::vector<OpSpec> access_ops();     // ops_fields.cc: whole-record get/set
-std::vector<FieldOpSpec> field_ops(); // ops_fields.cc: per-field accessors
-std::vector<OpSpec> wire_ops();       // ops_wire.cc: len/marshal/unmarshal
+std::vector<OpSpec> lifecycle_ops();   // ops_lifecycle.cc
+std::vector<OpSpec> value_ops();       // ops_values.cc: enumerations and flag sets
+std::vector<OpSpec> access_ops();      // ops_fields.cc: whole-record get/set
+std::vector<FieldOpSpec> field_ops();  // ops_fields.cc: per-field accessors
+std::vector<OpSpec> wire_ops();        // ops_wire.cc: len/marshal/unmarshal
+std::vector<OpSpec> whole_ops();       // ops_whole.cc: get_all/set_all, compare, hash
+std::vector<OpSpec> clone_ops();       // ops_clone.cc: clone, copy, post-copy, offset_remove
 
 const std::vector<OpSpec> &type_ops();
 const std::vector<FieldOpSpec> &all_field_ops();

@@ -14,8 +14,9 @@
  *   returns its neutral result (0 / NULL) when *err is already nonzero.
  *   Exceptions, which work on and never replace a pending code with their
  *   own: end_tag, so that XML rendered up to a failure stays well formed,
- *   and the four instance prefix items (variant, flags, ra, jump), so that
- *   a record keeps its framing after a failure.
+ *   the four instance prefix items (variant, flags, ra, jump), so that
+ *   a record keeps its framing after a failure, and <prim>_set_value, so
+ *   that a record's set_all still stores the fields after a refused one.
  * - The runtime's own failures go into the slot and into the handle's
  *   private last-error store; only wex_store_err() writes `h->error`.
  * - Nothing reads or writes outside the given room/length.
@@ -453,7 +454,9 @@ WEX_API void wexlib_free(void *null_ctx, uint32_t ws, void *p);
  * <prim>_get        field address, or NULL for a NULL field (no error)
  * <prim>_get_value  the value; 0 and 22 for a NULL field
  * <prim>_set        copies the value at src (notify_write first); 22 on NULL
- * <prim>_set_value  stores value (notify_write first); 22 for a NULL field
+ * <prim>_set_value  stores value (notify_write first), also while *err holds
+ *                   a code (a record's set_all stores the fields after a
+ *                   refused one); 22 for a NULL field unless a code is pending
  * <prim>_hash       32-bit mix of the value (sign-extended) with seed;
  *                   seed for a NULL field
  * <prim>_marshal    network order; 0 and 90 when room < width

@@ -96,11 +96,13 @@ T prim_get_value(wex_handle *h, const void *field, uint32_t *err) {
   return load_host<T>(field);
 }
 
+// Stores even while a code is pending: a caller setting several fields in one call (a
+// record's set_all) keeps storing the later ones after one of them was refused. A NULL
+// field reports 22 only when nothing is pending, so the first code stays.
 template <typename T>
 void prim_set_value(wex_handle *h, uint32_t ws, void *field, T value, uint32_t *err) {
-  if (wex::pending(err)) return;
   if (!field) {
-    wex::fail(h, err, WEX_ERR_INVALID);
+    if (!wex::pending(err)) wex::fail(h, err, WEX_ERR_INVALID);
     return;
   }
   wex::notify_write(h, ws, field, sizeof(T));

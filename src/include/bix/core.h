@@ -111,4 +111,5 @@ uint32_t enum_to_internal(const TypeDesc &d, uint32_t user);
 // Further families, one header each.
 #include "bix/access.h"
 #include "bix/values.h"
+#include "bix/whole.h"
 #include "bix/wire.h"
