@@ -10,13 +10,10 @@ namespace bixgen {
 uint32_t prim_size(Prim p) {
   switch (p) {
     case Prim::I8:
-    case Prim::U8:
-      return 1;
+    case Prim::U8: return 1;
     case Prim::I16:
-    case Prim::U16:
-      return 2;
-    default:
-      return 4;
+    case Prim::U16: return 2;
+    default: return 4;
   }
 }
 const char *prim_name(Prim p) {
@@ -53,9 +50,7 @@ bool ensure(Schema &s, const Type *m, std::set<std::string> &busy, std::set<std:
 
 // Runs of primitive scalars and arrays of one primitive kind that lie back to back.
 void compute_runs(Type &t) {
-  auto in_run = [](const Field &f) {
-    return f.kind == FieldKind::Prim || f.kind == FieldKind::FixedArray;
-  };
+  auto in_run = [](const Field &f) { return f.kind == FieldKind::Prim || f.kind == FieldKind::FixedArray; };
   auto elems = [](const Field &f) { return f.kind == FieldKind::Prim ? 1u : f.count; };
   for (size_t i = 0; i < t.fields.size(); ++i) {
     Field &f = t.fields[i];
@@ -77,16 +72,10 @@ void compute_wire_len(Type &t) {
   for (const Field &f : t.fields) {
     uint32_t w = prim_size(f.prim);
     switch (f.kind) {
-      case FieldKind::Prim:
-        off += w, on += w + 1;
-        break;
-      case FieldKind::Count:
-        off += w, on += w;
-        break;
+      case FieldKind::Prim: off += w, on += w + 1; break;
+      case FieldKind::Count: off += w, on += w; break;
       case FieldKind::Enum:
-      case FieldKind::Selector:
-        off += 5, on += 6;
-        break;
+      case FieldKind::Selector: off += 5, on += 6; break;
       case FieldKind::Flags: {
         uint32_t n = 5 + (static_cast<uint32_t>(f.type->literals.size()) + 7) / 8;
         off += n, on += n + 1;
@@ -96,16 +85,13 @@ void compute_wire_len(Type &t) {
         if (!f.type->wire_len_off) return;
         off += f.type->wire_len_off, on += f.type->wire_len_on + 1;
         break;
-      case FieldKind::FixedArray:
-        off += w * f.count, on += w * f.count + 1 + f.count;
-        break;
+      case FieldKind::FixedArray: off += w * f.count, on += w * f.count + 1 + f.count; break;
       case FieldKind::RecordArray:
         if (!f.type->wire_len_off) return;
         off += f.type->wire_len_off * f.count, on += f.type->wire_len_on * f.count + 1 + f.count;
         break;
       case FieldKind::VarArray:
-      case FieldKind::UnionAlt:
-        return;
+      case FieldKind::UnionAlt: return;
     }
   }
   t.wire_len_off = off, t.wire_len_on = on;
@@ -189,20 +175,17 @@ bool layout_record(Schema &s, Type &t, std::set<std::string> &busy, std::set<std
   done.insert(t.name);
 
   if (t.computed_used != t.used)
-    return fail(t, 0,
-                "fields end at " + std::to_string(off) + " but the schema says used " +
-                    std::to_string(t.used));
+    return fail(t, 0, "fields end at " + std::to_string(off) + " but the schema says used " +
+                          std::to_string(t.used));
   if (t.fixed_size % 8)
     return fail(t, 0, "used + slop = " + std::to_string(t.fixed_size) + " is not 8-aligned");
   if (!t.has_identity_sizes) return fail(t, 0, "record needs 'size <off>/<on>'");
   if (t.fixed_size != t.size_off)
-    return fail(
-        t, 0,
-        "fixed size " + std::to_string(t.fixed_size) + " != size " + std::to_string(t.size_off));
+    return fail(t, 0, "fixed size " + std::to_string(t.fixed_size) + " != size " +
+                          std::to_string(t.size_off));
   if (t.fixed_size + t.sttr_size != t.size_on)
-    return fail(t, 0,
-                "tracking-on size " + std::to_string(t.fixed_size + t.sttr_size) + " != size " +
-                    std::to_string(t.size_on));
+    return fail(t, 0, "tracking-on size " + std::to_string(t.fixed_size + t.sttr_size) +
+                          " != size " + std::to_string(t.size_on));
   return true;
 }
 
@@ -215,8 +198,9 @@ bool resolve(Schema &s) {
         if (t.fields[j].name == f.name) ok = fail(t, f.line, "duplicate field " + f.name);
       if (!f.type_name.empty()) {
         f.type = s.find(f.type_name);
-        TypeKind want = f.kind == FieldKind::Enum || f.kind == FieldKind::Selector ? TypeKind::Enum
-                        : f.kind == FieldKind::Flags                               ? TypeKind::Flags
+        TypeKind want = f.kind == FieldKind::Enum || f.kind == FieldKind::Selector
+                            ? TypeKind::Enum
+                        : f.kind == FieldKind::Flags ? TypeKind::Flags
                                                      : TypeKind::Record;
         if (!f.type || f.type->kind != want) ok = fail(t, f.line, "bad member type " + f.type_name);
       }
