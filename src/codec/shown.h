@@ -25,21 +25,71 @@ inline void joined_name(char *out, const char *a, char sep, const char *b) {
   out[n] = '\0';
 }
 
-// "%s[%d]": an array element's name, index counted from 0.
-inline void element_name(char *out, const char *array, uint32_t k) {
-  char digits[12];
-  size_t d = sizeof digits;
-  do {
-    digits[--d] = static_cast<char>('0' + k % 10);
-    k /= 10;
-  } while (k);
-  char index[14];
-  size_t n = sizeof digits - d;
-  std::memcpy(index, digits + d, n);
-  index[n] = ']';
-  index[n + 1] = '\0';
-  joined_name(out, array, '[', index);
-}
+// "%s[%d]" names of one array's elements, cut at `cap` bytes as a bounded snprintf would
+// cut them. The "name[" part is written once per array; the index after it counts up in
+// place from one element to the next.
+class ElementNames {
+ public:
+  // Element names go at `at`, which has room for `cap` bytes (at least 1).
+  void place(char *at, size_t cap) {
+    at_ = at;
+    cap_ = cap;
+    array_ = nullptr;
+  }
+  const char *name(const char *array, uint32_t k) {
+    if (array == array_ && k == k_ + 1 && k_ != UINT32_MAX && length_ + 2 < cap_ && next()) {
+      k_ = k;
+      return at_;
+    }
+    if (array != array_) {
+      array_ = array;
+      size_t n = std::strlen(array);
+      prefix_ = n < cap_ - 1 ? n : cap_ - 1;
+      std::memcpy(at_, array, prefix_);
+      if (prefix_ < cap_ - 1) at_[prefix_++] = '[';
+    }
+    k_ = k;
+    char digits[12];
+    size_t d = sizeof digits;
+    digits[--d] = ']';
+    do {
+      digits[--d] = static_cast<char>('0' + k % 10);
+      k /= 10;
+    } while (k);
+    size_t n = sizeof digits - d;
+    if (n > cap_ - 1 - prefix_) n = cap_ - 1 - prefix_;
+    std::memcpy(at_ + prefix_, digits + d, n);
+    length_ = prefix_ + n;
+    at_[length_] = '\0';
+    return at_;
+  }
+  size_t length() const { return length_; }  // of the last name
+
+ private:
+  // Adds one to the whole (uncut) "k]" standing after the prefix; false when it was cut.
+  bool next() {
+    char *last = at_ + length_ - 1;
+    if (length_ <= prefix_ || *last != ']') return false;
+    char *p = last - 1;
+    for (; p >= at_ + prefix_ && *p == '9'; --p) *p = '0';
+    if (p >= at_ + prefix_) {
+      ++*p;
+      return true;
+    }
+    // 9...9 became 0...0: one digit more
+    std::memmove(at_ + prefix_ + 1, at_ + prefix_, length_ - prefix_);
+    at_[prefix_] = '1';
+    at_[++length_] = '\0';
+    return true;
+  }
+
+  char *at_ = nullptr;
+  size_t cap_ = 0;
+  const char *array_ = nullptr;
+  size_t prefix_ = 0;
+  size_t length_ = 0;
+  uint32_t k_ = 0;
+};
 
 // Visits, in schema order, every field of a record (`field`), every element of its
 // arrays (`element`: all of a fixed array, the current count of the variable array) and

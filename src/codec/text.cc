@@ -24,7 +24,13 @@ struct TextShow {
   uint32_t indent;  // of the fields: the record's own plus two
   uint32_t *err;
   uint32_t n = 0;
+  char element_buf[kShownNameMax];
+  ElementNames names;
 
+  TextShow(wex_handle *h_, uint32_t ws_, char *buf_, uint32_t len_, uint32_t indent_, uint32_t *err_)
+      : h(h_), ws(ws_), buf(buf_), len(len_), indent(indent_), err(err_) {
+    names.place(element_buf, sizeof element_buf);
+  }
   int32_t room() const { return static_cast<int32_t>(len - n); }
   void add(int32_t wrote) { n += static_cast<uint32_t>(wrote); }
 
@@ -50,8 +56,7 @@ struct TextShow {
     }
   }
   void element(const FieldDesc &f, uint32_t k, const uint8_t *at) {
-    char name[kShownNameMax];
-    element_name(name, f.name, k);
+    const char *name = names.name(f.name, k);
     if (f.kind == FieldKind::RecordArray)
       record(*f.type, name, at);
     else

@@ -100,16 +100,16 @@ class ChildPath {
     if (base_ + 2 > kPathMax) return false;
     std::memcpy(text_, parent, base_);
     text_[base_++] = '/';
+    elements_.place(text_ + base_, kPathMax - base_);
     return true;
   }
-  // "P/name", or "P/name[k]" with k >= 1; null when it does not fit.
-  const char *child(const char *name, uint32_t k = 0) {
-    char step[kShownNameMax];
-    if (k)
-      element_name(step, name, k);
-    else
-      std::memcpy(step, name, std::min(std::strlen(name), kShownNameMax - 1) + 1);
-    return put(step);
+  // "P/name"; null when it does not fit. Paths stay below kPathMax - 1 characters, so one
+  // that filled the buffer is never taken for a whole one.
+  const char *child(const char *name) { return put(name); }
+  // "P/name[k]", k counted from 1; null when it does not fit.
+  const char *element(const char *name, uint32_t k) {
+    elements_.name(name, k);
+    return elements_.length() + 1 < kPathMax - base_ ? text_ : nullptr;
   }
   const char *alternative(const FieldDesc &sel, const FieldDesc &f) {
     char step[kShownNameMax];
@@ -120,12 +120,14 @@ class ChildPath {
  private:
   const char *put(const char *step) {
     size_t n = std::strlen(step);
-    if (base_ + n + 1 > kPathMax) return nullptr;
+    if (base_ + n + 1 >= kPathMax) return nullptr;
     std::memcpy(text_ + base_, step, n + 1);
+    elements_.place(text_ + base_, kPathMax - base_);  // the step took the element's place
     return text_;
   }
   char text_[kPathMax];
   size_t base_ = 0;
+  ElementNames elements_;
 };
 
 // After a child: its absence (2) is no error, the field keeps its value. True when
@@ -195,7 +197,7 @@ struct XmlParse {
   // Elements 1, 2, ... until the first absent one; the rest keep their values.
   bool fixed_array(const FieldDesc &f, uint8_t *at) {
     for (uint32_t k = 0; k < f.count; ++k) {
-      const char *p = path.child(f.name, k + 1);
+      const char *p = path.element(f.name, k + 1);
       if (!usable(p)) return false;
       uint8_t *elem = at + size_t{k} * f.elem_size;
       if (f.kind == FieldKind::RecordArray)
@@ -234,7 +236,7 @@ bool XmlParse::var_array(const FieldDesc &f) {
   }
   uint32_t read = 0, failed = 0;
   for (; read < present; ++read) {
-    const char *p = path.child(f.name, read + 1);
+    const char *p = path.element(f.name, read + 1);
     if (!p) {
       failed = 22;
       break;

@@ -62,13 +62,62 @@ class TextOut {
   bool cut_ = false;
 };
 
-const char *safe(const char *s) {
+// The same pieces written without a check each: for a text known to fit, which is nearly
+// always the case, so the cutting path above is the exception.
+class FastOut {
+ public:
+  explicit FastOut(char *pos) : pos_(pos), w_(pos) {}
+  void put(const char *text, size_t n) {
+    std::memcpy(w_, text, n);
+    w_ += n;
+  }
+  void put(std::string_view text) { put(text.data(), text.size()); }
+  void put(char c) { *w_++ = c; }
+  void blanks(size_t n) {
+    std::memset(w_, ' ', n);
+    w_ += n;
+  }
+  template <typename T>
+  void decimal(T v) {
+    w_ = std::to_chars(w_, w_ + kMaxDigits, v).ptr;
+  }
+  int32_t finish() {
+    *w_ = '\0';
+    return static_cast<int32_t>(w_ - pos_);
+  }
+  static constexpr size_t kMaxDigits = 20;  // any 64-bit value, sign included
+
+ private:
+  char *pos_;
+  char *w_;
+};
+
+// Writes what `compose` puts into an output: straight when at most `bound` characters
+// surely fit (with their NUL), else cut at the room as every writer cuts.
+template <typename Compose>
+int32_t write_text(wex_handle *h, char *pos, int32_t room, uint32_t *err, size_t bound,
+                   Compose &&compose) {
+  if (pos && room > 0 && bound < static_cast<size_t>(room)) {
+    FastOut out(pos);
+    compose(out);
+    return out.finish();
+  }
+  TextOut out(pos, room);
+  compose(out);
+  return out.finish(h, err);
+}
+
+std::string_view safe(const char *s) {
   return s ? s : "";
 }
 
-void open_tag(TextOut &out, const char *name, uint8_t state) {
+// ` state="S"`: at most this long.
+constexpr size_t kStateMax = 12;
+
+template <typename Out>
+void open_tag(Out &out, std::string_view name, uint8_t state) {
   out.put('<');
-  out.put(safe(name));
+  out.put(name);
   if (state) {
     out.put(" state=\"");
     out.decimal(static_cast<unsigned>(state));
@@ -77,15 +126,16 @@ void open_tag(TextOut &out, const char *name, uint8_t state) {
   out.put('>');
 }
 
-void close_tag(TextOut &out, const char *name) {
+template <typename Out>
+void close_tag(Out &out, std::string_view name) {
   out.put("</");
-  out.put(safe(name));
+  out.put(name);
   out.put(">\n");
 }
 
 // Decimal text of a primitive value, signed or not by the value's type.
-template <typename T>
-void value(TextOut &out, const void *field) {
+template <typename T, typename Out>
+void value(Out &out, const void *field) {
   T v;
   std::memcpy(&v, field, sizeof v);
   out.decimal(v);
@@ -99,15 +149,17 @@ int32_t prim_print(wex_handle *h, char *pos, uint32_t indent, const char *name,
     wex::fail(h, err, WEX_ERR_INVALID);
     return 0;
   }
-  TextOut out(pos, room);
-  out.blanks(indent);
-  out.put(safe(name));
-  out.put('@');
-  out.put(type_name);
-  out.put(':');
-  value<T>(out, field);
-  out.put('\n');
-  return out.finish(h, err);
+  const std::string_view n = safe(name);
+  const size_t bound = size_t{indent} + n.size() + type_name.size() + 3 + FastOut::kMaxDigits;
+  return write_text(h, pos, room, err, bound, [&](auto &out) {
+    out.blanks(indent);
+    out.put(n);
+    out.put('@');
+    out.put(type_name);
+    out.put(':');
+    value<T>(out, field);
+    out.put('\n');
+  });
 }
 
 template <typename T>
@@ -118,11 +170,13 @@ int32_t prim_to_xml(wex_handle *h, const char *name, char *pos, const void *fiel
     wex::fail(h, err, WEX_ERR_INVALID);
     return 0;
   }
-  TextOut out(pos, room);
-  open_tag(out, name, state);
-  value<T>(out, field);
-  close_tag(out, name);
-  return out.finish(h, err);
+  const std::string_view n = safe(name);
+  const size_t bound = 2 * n.size() + 6 + kStateMax + FastOut::kMaxDigits;
+  return write_text(h, pos, room, err, bound, [&](auto &out) {
+    open_tag(out, n, state);
+    value<T>(out, field);
+    close_tag(out, n);
+  });
 }
 
 // The conversions the fast formatter handles itself: %s, %d, %i, %u and %%,
@@ -226,19 +280,20 @@ int32_t wex_snprintf(wex_handle *h, uint32_t, char *pos, int32_t room, uint32_t 
 int32_t start_tag(wex_handle *h, uint32_t, char *pos, const char *name, int32_t room, uint8_t state,
                   uint32_t *err) {
   if (wex::pending(err)) return 0;
-  TextOut out(pos, room);
-  open_tag(out, name, state);
-  out.put('\n');
-  return out.finish(h, err);
+  const std::string_view n = safe(name);
+  return write_text(h, pos, room, err, n.size() + 3 + kStateMax, [&](auto &out) {
+    open_tag(out, n, state);
+    out.put('\n');
+  });
 }
 
 int32_t end_tag(wex_handle *h, uint32_t, char *pos, const char *name, int32_t room, uint32_t *err) {
   // Closes the element even after a failure, so output stays well formed;
   // a pending code is never replaced by this writer's own.
   uint32_t local = 0;
-  TextOut out(pos, room);
-  close_tag(out, name);
-  return out.finish(h, wex::pending(err) ? &local : err);
+  const std::string_view n = safe(name);
+  return write_text(h, pos, room, wex::pending(err) ? &local : err, n.size() + 4,
+                    [&](auto &out) { close_tag(out, n); });
 }
 
 int32_t start_tag_timestamp(wex_handle *h, uint32_t, char *pos, const char *name, int32_t room,
