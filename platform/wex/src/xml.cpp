@@ -20,46 +20,6 @@ namespace {
 
 using Nodes = std::vector<xmlNodePtr>;
 
-// A parsed document with the one XPath context it is queried through.
-//
-// A record is parsed field by field, each field by its own path ("P/f",
-// "P/arr[k]" for k = 1..N). Evaluating each of those from scratch costs
-// the size of the document, which makes a whole record quadratic. So a
-// path "P/name" or "P/name[k]" whose parent P is a single element is
-// answered from P's children, indexed by name in one scan of P; parents are
-// remembered once resolved, and the last one asked for is checked first,
-// since a record's fields all share it. Only the first step of a path
-// ("//name", a root-relative name, or a path outside that simple form)
-// goes to XPath. A query allocates nothing once its parent is indexed.
-// The element children of one parent, grouped by name in document order: the children
-// named N are nodes[first, first + count) for runs[N] = {first, count}.
-struct ChildIndex {
-  std::unordered_map<std::string_view, std::pair<uint32_t, uint32_t>, KeyHash> runs;
-  Nodes nodes;
-};
-
-struct XmlDoc {
-  xmlDocPtr doc = nullptr;
-  xmlXPathContextPtr xpath = nullptr;
-  std::unordered_map<std::string, Nodes, KeyHash, std::equal_to<>> parents;
-  // Element children of each indexed parent by name; the names are the nodes' own.
-  std::unordered_map<xmlNodePtr, ChildIndex> children;
-  // The parent path asked for last, where it resolved, and its index when it is one node;
-  // the last name looked up in that index, and its children of that name.
-  std::string last_parent;
-  const Nodes *last_nodes = nullptr;
-  const ChildIndex *last_index = nullptr;
-  std::string last_name;
-  bool named = false;  // last_name and its children below are valid
-  const xmlNodePtr *last_first = nullptr;
-  size_t last_count = 0;
-
-  ~XmlDoc() {
-    if (xpath) xmlXPathFreeContext(xpath);
-    if (doc) xmlFreeDoc(doc);
-  }
-};
-
 // The matches of a path: a run of nodes that the document's index holds, or a caller's
 // scratch vector (XPath answers).
 struct Found {
@@ -68,6 +28,81 @@ struct Found {
   void of(const Nodes &v) {
     nodes = v.data();
     n = v.size();
+  }
+};
+
+// The element children of one parent grouped by name, in document order: those named
+// `name` are nodes[first, first + count). Looked up by a scan of the runs while they are
+// few (a record's fields), by hash beyond that.
+struct Run {
+  std::string_view name;  // the nodes' own
+  uint32_t first = 0, count = 0;
+};
+struct ChildIndex {
+  static constexpr size_t kScanned = 32;
+  std::vector<Run> runs;
+  std::unordered_map<std::string_view, uint32_t, KeyHash> by_name;  // run numbers, when many
+  Nodes nodes;
+
+  const Run *find(std::string_view name) const {
+    if (!by_name.empty()) {
+      auto it = by_name.find(name);
+      return it == by_name.end() ? nullptr : &runs[it->second];
+    }
+    for (const Run &r : runs)
+      if (r.name.size() == name.size() && r.name == name) return &r;
+    return nullptr;
+  }
+  uint32_t add(std::string_view name) {
+    if (const Run *r = find(name)) return static_cast<uint32_t>(r - runs.data());
+    runs.push_back({name});
+    const auto k = static_cast<uint32_t>(runs.size() - 1);
+    if (runs.size() > kScanned) {
+      if (by_name.empty())
+        for (uint32_t j = 0; j < runs.size(); ++j) by_name.emplace(runs[j].name, j);
+      else
+        by_name.emplace(name, k);
+    }
+    return k;
+  }
+};
+
+// A parent path that was resolved, and the index of its children when it is one element.
+struct Parent {
+  std::string path;
+  Found nodes;
+  const ChildIndex *index = nullptr;
+};
+
+// A parsed document with the one XPath context it is queried through.
+//
+// A record is parsed field by field, each field by its own path ("P/f",
+// "P/arr[k]" for k = 1..N). Evaluating each of those from scratch costs
+// the size of the document, which makes a whole record quadratic. So a
+// path "P/name" or "P/name[k]" whose parent P is a single element is
+// answered from P's children, indexed by name in one scan of P. The parents
+// resolved last are kept as a chain of ancestors ("/r", "/r/a", "/r/a/b[2]"),
+// so moving from one record to its sibling resolves one step, and the last
+// name asked for is remembered, so an array's elements cost no lookup at
+// all. Only the first step of a path ("//name", a root-relative name, or a
+// path outside that simple form) goes to XPath. A query allocates nothing
+// once its parent is indexed.
+struct XmlDoc {
+  xmlDocPtr doc = nullptr;
+  xmlXPathContextPtr xpath = nullptr;
+  // Parents that XPath found, kept for their nodes' storage.
+  std::unordered_map<std::string, Nodes, KeyHash, std::equal_to<>> found_by_xpath;
+  std::unordered_map<xmlNodePtr, ChildIndex> children;
+  // chain[0, depth): each entry's path is the parent of the next one's; entries beyond
+  // depth keep their storage for reuse. `last` is the entry asked for last.
+  std::vector<Parent> chain;
+  size_t depth = 0, last = 0;
+  // The run of the name asked for last under chain[last], when there was one.
+  const Run *last_run = nullptr;
+
+  ~XmlDoc() {
+    if (xpath) xmlXPathFreeContext(xpath);
+    if (doc) xmlFreeDoc(doc);
   }
 };
 
@@ -134,109 +169,130 @@ const ChildIndex &children_of(XmlDoc &d, xmlNodePtr parent) {
   ChildIndex &index = it->second;
   if (!fresh) return index;
   // Unqualified XPath names match elements outside any namespace only. Counted first,
-  // then placed: one array for all of them, whatever their number.
-  std::vector<std::pair<uint32_t, uint32_t> *> run_of;
-  for (xmlNodePtr c = parent->children; c; c = c->next) {
-    if (c->type != XML_ELEMENT_NODE || c->ns) continue;
-    auto &run = index.runs[reinterpret_cast<const char *>(c->name)];
-    ++run.second;
-    run_of.push_back(&run);  // map elements keep their address
-  }
+  // then placed: one array for all of them. Neighbours mostly share a name (arrays).
+  auto each = [parent](auto &&fn) {
+    for (xmlNodePtr c = parent->children; c; c = c->next)
+      if (c->type == XML_ELEMENT_NODE && !c->ns)
+        fn(c, std::string_view(reinterpret_cast<const char *>(c->name)));
+  };
+  uint32_t run = UINT32_MAX, total = 0;
+  index.runs.reserve(16);  // a record's fields, mostly
+  each([&](xmlNodePtr, std::string_view name) {
+    if (run == UINT32_MAX || index.runs[run].name != name) run = index.add(name);
+    ++index.runs[run].count;
+    ++total;
+  });
   uint32_t first = 0;
-  for (auto &[name, run] : index.runs) {
-    run.first = first;
-    first += run.second;
-    run.second = 0;
+  for (Run &r : index.runs) {
+    r.first = first;
+    first += r.count;
+    r.count = 0;
   }
-  index.nodes.resize(run_of.size());
-  size_t i = 0;
-  for (xmlNodePtr c = parent->children; c; c = c->next) {
-    if (c->type != XML_ELEMENT_NODE || c->ns) continue;
-    auto &run = *run_of[i++];
-    index.nodes[run.first + run.second++] = c;
-  }
+  index.nodes.resize(total);
+  const Run *at = nullptr;
+  each([&](xmlNodePtr c, std::string_view name) {
+    if (!at || at->name != name) at = index.find(name);
+    Run &r = index.runs[static_cast<size_t>(at - index.runs.data())];
+    index.nodes[r.first + r.count++] = c;
+  });
   return index;
 }
 
 int resolve(XmlDoc &d, std::string_view path, Nodes *scratch, Found *out);
 
-// A parent path: resolved once, then remembered. Its index, when it is one element.
-int resolve_parent(XmlDoc &d, std::string_view path, const Nodes **nodes,
-                   const ChildIndex **index) {
-  if (!d.last_nodes || path != d.last_parent) {
-    auto it = d.parents.find(path);
-    if (it == d.parents.end()) {
-      Nodes scratch;
-      Found found;
-      if (int rc = resolve(d, path, &scratch, &found)) return rc;
-      // Elements of an unordered_map keep their address, so what callers hold stays valid.
-      it = d.parents.emplace(std::string(path), Nodes(found.nodes, found.nodes + found.n)).first;
-    }
-    d.last_parent.assign(path);
-    d.last_nodes = &it->second;
-    d.last_index = d.last_nodes->size() == 1 ? &children_of(d, d.last_nodes->front()) : nullptr;
-    d.named = false;
-  }
-  *nodes = d.last_nodes;
-  *index = d.last_index;
-  return 0;
+void select_parent(XmlDoc &d, size_t at) {
+  if (at != d.last) d.last_run = nullptr;
+  d.last = at;
 }
 
-// The children named `name` of the parent asked for last (which is one element). The name
-// is remembered, so the elements of an array cost no hashing.
-Found named(XmlDoc &d, std::string_view name) {
-  if (!d.named || name != d.last_name) {
-    auto it = d.last_index->runs.find(name);
-    bool found = it != d.last_index->runs.end();
-    d.last_first = found ? d.last_index->nodes.data() + it->second.first : nullptr;
-    d.last_count = found ? it->second.second : 0;
-    d.last_name.assign(name);
-    d.named = true;
+bool is_parent_of(std::string_view parent, std::string_view path) {
+  return path.size() > parent.size() && path[parent.size()] == '/' &&
+         path.substr(0, parent.size()) == parent;
+}
+
+// A parent path: taken from the chain, or resolved and put on it in place of whatever
+// is not its ancestor. It becomes the parent asked for last.
+int resolve_parent(XmlDoc &d, std::string_view path) {
+  for (size_t j = d.depth; j-- > 0;) {
+    if (d.chain[j].path == path) {
+      select_parent(d, j);
+      return 0;
+    }
   }
-  return Found{d.last_first, d.last_count};
+  Nodes scratch;
+  Found found;
+  if (int rc = resolve(d, path, &scratch, &found)) return rc;
+  if (found.n && found.nodes == scratch.data()) {
+    // Elements of an unordered_map keep their address, so the entry's nodes stay valid.
+    auto kept = d.found_by_xpath.try_emplace(std::string(path), std::move(scratch)).first;
+    found.of(kept->second);
+  }
+  size_t at = d.depth;
+  while (at > 0 && !is_parent_of(d.chain[at - 1].path, path)) --at;
+  if (d.chain.size() <= at) d.chain.resize(at + 1);
+  Parent &p = d.chain[at];
+  p.path.assign(path);
+  p.nodes = found;
+  p.index = found.n == 1 ? &children_of(d, found.nodes[0]) : nullptr;
+  d.depth = at + 1;
+  d.last_run = nullptr;
+  d.last = at;
+  return 0;
 }
 
 // "P/step" where P is the parent asked for last and step a simple step: the common case,
 // every field of a record. Parses the step; false for anything else.
 bool child_of_last(XmlDoc &d, std::string_view path, std::string_view *name, size_t *index) {
-  const size_t last = d.last_parent.size();
-  if (!d.last_nodes || last == 0 || path.size() <= last + 1 || path[last] != '/' ||
-      path[last - 1] == '/' || std::memcmp(path.data(), d.last_parent.data(), last) != 0)
+  if (d.depth == 0) return false;
+  const std::string &parent = d.chain[d.last].path;
+  const size_t last = parent.size();
+  if (last == 0 || path.size() <= last + 1 || path[last] != '/' || parent[last - 1] == '/' ||
+      std::memcmp(path.data(), parent.data(), last) != 0)
     return false;
   const std::string_view step = path.substr(last + 1);
-  const size_t n = d.last_name.size();
-  if (d.named && step.size() > n && step[n] == '[' &&
-      std::memcmp(step.data(), d.last_name.data(), n) == 0) {
-    *name = d.last_name;  // another element of the array asked for last
-    return parse_index(step.substr(n), index);
+  if (d.last_run) {
+    const std::string_view named = d.last_run->name;
+    const size_t n = named.size();
+    if (step.size() > n && step[n] == '[' && std::memcmp(step.data(), named.data(), n) == 0) {
+      *name = named;  // another element of the array asked for last
+      return parse_index(step.substr(n), index);
+    }
   }
   return parse_step(step, name, index);
 }
+
+// Paths longer than this are left to XPath whole: resolving step by step recurses once
+// per step.
+constexpr size_t kStepwiseMax = 1024;
 
 int resolve(XmlDoc &d, std::string_view path, Nodes *scratch, Found *out) {
   *out = Found{};
   std::string_view name;
   size_t index = 0;
+  if (path.size() > kStepwiseMax) return xpath_eval(d, path, scratch, out);
   if (!child_of_last(d, path, &name, &index)) {
     size_t cut = path.size();
     while (cut > 0 && path[cut - 1] != '/') --cut;
     bool child_step =
         cut > 1 && path[cut - 2] != '/' && parse_step(path.substr(cut), &name, &index);
     if (!child_step) return xpath_eval(d, path, scratch, out);
-    const Nodes *parents = nullptr;
-    const ChildIndex *by_name = nullptr;
-    if (int rc = resolve_parent(d, path.substr(0, cut - 1), &parents, &by_name)) return rc;
+    if (int rc = resolve_parent(d, path.substr(0, cut - 1))) return rc;
   }
-  if (d.last_nodes->empty()) return 0;
+  const Parent &p = d.chain[d.last];
+  if (!p.nodes.n) return 0;
   // Several parents would need the matches merged in document order: leave
   // that rare case to XPath.
-  if (!d.last_index) return xpath_eval(d, path, scratch, out);
+  if (!p.index) return xpath_eval(d, path, scratch, out);
 
-  const Found matches = named(d, name);
+  // The name asked for last is remembered: an array's elements cost no lookup.
+  if (!d.last_run || name != d.last_run->name) d.last_run = p.index->find(name);
+  if (!d.last_run) return 0;
+  const xmlNodePtr *matches = p.index->nodes.data() + d.last_run->first;
   if (index == 0) {
-    *out = matches;
-  } else if (index <= matches.n) {
-    out->nodes = matches.nodes + index - 1;
+    out->nodes = matches;
+    out->n = d.last_run->count;
+  } else if (index <= d.last_run->count) {
+    out->nodes = matches + index - 1;
     out->n = 1;
   }
   return 0;
