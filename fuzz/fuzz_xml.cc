@@ -41,7 +41,8 @@ const std::vector<RecordOps> &records() {
     for (const auto &t : bixfacts::kTypes)
       if (std::string(t.kind) == "type")
         v.push_back({t.name, bixtest::op<CreateFn>(t.name, "create"),
-                     bixtest::op<DestroyFn>(t.name, "destroy"), bixtest::op<ToXmlFn>(t.name, "to_xml"),
+                     bixtest::op<DestroyFn>(t.name, "destroy"),
+                     bixtest::op<ToXmlFn>(t.name, "to_xml"),
                      bixtest::op<FromXmlFn>(t.name, "from_xml")});
     return v;
   }();
@@ -81,7 +82,8 @@ wex_handle *counting_handle(Counting &c, wex_sttr_profile *profile) {
 std::string render(wex_handle *h, const RecordOps &r, const void *inst) {
   static std::vector<char> buf(8u << 20);
   uint32_t err = 0;
-  int32_t n = r.to_xml(h, 0, r.name.c_str(), buf.data(), inst, static_cast<uint32_t>(buf.size()), 0, &err);
+  int32_t n =
+      r.to_xml(h, 0, r.name.c_str(), buf.data(), inst, static_cast<uint32_t>(buf.size()), 0, &err);
   require(err == 0 && n >= 0, "to_xml of a parsed instance fails", r.name);
   return std::string(buf.data(), static_cast<size_t>(n));
 }
@@ -124,7 +126,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   }
   // A fresh union alternative is one bounded instance; the variable array's storage, its
   // state bytes and the parser's staging copy are one byte each per element present.
-  require(c.bytes - before <= 4096 + 3 * len, "allocation beyond what the document justifies", r.name);
+  require(c.bytes - before <= 4096 + 3 * len, "allocation beyond what the document justifies",
+          r.name);
 
   if (doc && err == 0) {
     // Rendered, read back and rendered again, the XML stays the same. A value outside its
@@ -157,7 +160,8 @@ extern "C" int bixfuzz_make_seeds(const char *dir) {
     for (uint8_t mode = 0; mode < 4; ++mode) {
       bixtest::Handle h(mode & 1 ? WEX_STTR_ON : WEX_STTR_OFF);
       void *inst = all[i].create(h, 0);
-      bixtest::fill(h, all[i].name, inst, static_cast<uint8_t>(i * 5 + mode), 1 + (i + mode) % 7, 3);
+      bixtest::fill(h, all[i].name, inst, static_cast<uint8_t>(i * 5 + mode), 1 + (i + mode) % 7,
+                    3);
       std::string seed{static_cast<char>(i), static_cast<char>(mode)};
       seed += render(h, all[i], inst);
       all[i].destroy(h, 0, inst);

@@ -27,7 +27,8 @@ struct TextShow {
   char element_buf[kShownNameMax];
   ElementNames names;
 
-  TextShow(wex_handle *h_, uint32_t ws_, char *buf_, uint32_t len_, uint32_t indent_, uint32_t *err_)
+  TextShow(wex_handle *h_, uint32_t ws_, char *buf_, uint32_t len_, uint32_t indent_,
+           uint32_t *err_)
       : h(h_), ws(ws_), buf(buf_), len(len_), indent(indent_), err(err_) {
     names.place(element_buf, sizeof element_buf);
   }

@@ -341,7 +341,8 @@ TEST_F(Wex, WritersExactTextCutAtEveryRoomAndPendingCode) {
       uint32_t e = 0;
       const int32_t stored = room ? std::min(n, room - 1) : 0;
       EXPECT_EQ((std::tuple{write(text, room, &e), std::string(text), e}),
-                (std::tuple{stored, room ? want.substr(0, stored) : "keep", room > n ? 0u : WEX_ERR_NOROOM}))
+                (std::tuple{stored, room ? want.substr(0, stored) : "keep",
+                            room > n ? 0u : WEX_ERR_NOROOM}))
           << want << " room " << room;
     }
     uint32_t pending = WEX_ERR_VARIANT;

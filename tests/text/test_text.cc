@@ -26,7 +26,8 @@ TEST(Print, PresenceInfoIsFourLines) {
       "  rc@wex_xcvr_rc:WEX_XCVR_SUCCESS_RC\n"
       "  is_present@u_int8:1\n"
       "}\n";
-  EXPECT_EQ(wex_xcvr_presence_info_print_cr(h, p, buf, sizeof buf), static_cast<int32_t>(want.size()));
+  EXPECT_EQ(wex_xcvr_presence_info_print_cr(h, p, buf, sizeof buf),
+            static_cast<int32_t>(want.size()));
   EXPECT_EQ(buf, want);
   uint32_t err = 0;
   EXPECT_EQ(print(h, kPresence, p, &err, 4, "body"),
@@ -56,15 +57,18 @@ TEST(Print, NestedRecordArrayAndVariableArray) {
 
   auto *d = ipc_shim_data_create(h, 0);
   d->slot = 1, d->subslot = 2;
-  const std::string head = "ipc_shim_data@ipc_shim_data: {\n  slot@u_int32:1\n  subslot@u_int32:2\n";
+  const std::string head =
+      "ipc_shim_data@ipc_shim_data: {\n  slot@u_int32:1\n  subslot@u_int32:2\n";
   EXPECT_EQ(print(h, "ipc_shim_data", d, &err), head + "  size@u_int32:0\n}\n");
   uint8_t three[] = {0, 7, 255};
   ipc_shim_data_data_set_mem(h, 0, d, three, 3, &err);
-  EXPECT_EQ(print(h, "ipc_shim_data", d, &err),
-            head + "  size@u_int32:3\n  data[0]@u_int8:0\n  data[1]@u_int8:7\n  data[2]@u_int8:255\n}\n");
-  EXPECT_EQ(to_xml(h, "ipc_shim_data", d, &err),
-            "<ipc_shim_data>\n<slot>1</slot>\n<subslot>2</subslot>\n<size>3</size>\n<data>0</data>\n"
-            "<data>7</data>\n<data>255</data>\n</ipc_shim_data>\n");
+  EXPECT_EQ(
+      print(h, "ipc_shim_data", d, &err),
+      head + "  size@u_int32:3\n  data[0]@u_int8:0\n  data[1]@u_int8:7\n  data[2]@u_int8:255\n}\n");
+  EXPECT_EQ(
+      to_xml(h, "ipc_shim_data", d, &err),
+      "<ipc_shim_data>\n<slot>1</slot>\n<subslot>2</subslot>\n<size>3</size>\n<data>0</data>\n"
+      "<data>7</data>\n<data>255</data>\n</ipc_shim_data>\n");
   EXPECT_EQ(err, 0u);
   ipc_shim_data_destroy(h, 0, d);
 }
@@ -80,11 +84,14 @@ TEST(Print, UnionWithAndWithoutItsAlternative) {
   n->dummy_data = 5;
   wex_xcvr_status_info_nosfp_data_set(h, 0, s, n, &err);
   const std::string info = print(h, "wex_xcvr_info", &s->info, &err, 4, "info");
-  const std::string head = "  wex_xcvr_status_info@wex_xcvr_status_info: {\n    rc@wex_xcvr_rc:WEX_XCVR_SUCCESS_RC\n" +
-                           info + "    status_bm@u_int32:9\n";
-  EXPECT_EQ(print(h, "wex_xcvr_status_info", s, &err, 2, "wex_xcvr_status_info"),
-            head + "    xcvr_type@wex_xcvr_type:WEX_XCVR_TYPE_NOSFP\n"
-                   "    xcvr_type.nosfp_data@wex_nosfp_dummy: {\n      dummy_data@u_int8:5\n    }\n  }\n");
+  const std::string head =
+      "  wex_xcvr_status_info@wex_xcvr_status_info: {\n    rc@wex_xcvr_rc:WEX_XCVR_SUCCESS_RC\n" +
+      info + "    status_bm@u_int32:9\n";
+  EXPECT_EQ(
+      print(h, "wex_xcvr_status_info", s, &err, 2, "wex_xcvr_status_info"),
+      head +
+          "    xcvr_type@wex_xcvr_type:WEX_XCVR_TYPE_NOSFP\n"
+          "    xcvr_type.nosfp_data@wex_nosfp_dummy: {\n      dummy_data@u_int8:5\n    }\n  }\n");
   for (uint32_t sel : {0u, 6u, 8u}) {  // nothing selected, selected but absent, out of range
     s->xcvr_type.value = sel;
     std::string line = sel == 6 ? "WEX_XCVR_TYPE_QSFP\n" : "Enum value out of range";
@@ -106,7 +113,8 @@ TEST(Forms, EveryRecordEveryFieldKind) {
         void *inst = create(h, type);
         fill(h, type, inst, static_cast<uint8_t>(alt * 3), alt);
         uint32_t err = 0;
-        EXPECT_EQ(print(h, type, inst, &err, 2, "x"), expected_text(h, type, static_cast<uint8_t *>(inst), 2, "x"))
+        EXPECT_EQ(print(h, type, inst, &err, 2, "x"),
+                  expected_text(h, type, static_cast<uint8_t *>(inst), 2, "x"))
             << type;
         check_xml_text(h, to_xml(h, type, inst, &err), type, inst, mode != 0);
         EXPECT_EQ(err, 0u) << type;
@@ -173,7 +181,8 @@ TEST(FormsDeathTest, CorruptedModeWordIsFatal) {
 // page: never a byte past the end, the text cut as a prefix, 90 whenever it did not fit.
 TEST(Forms, EveryCutLengthStaysInsideTheBuffer) {
   const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE)), room = 64 * page;
-  auto *map = static_cast<char *>(mmap(nullptr, room + page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+  auto *map = static_cast<char *>(
+      mmap(nullptr, room + page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
   ASSERT_NE(map, MAP_FAILED);
   ASSERT_EQ(mprotect(map + room, page, PROT_NONE), 0);
   char *end = map + room;
@@ -188,11 +197,14 @@ TEST(Forms, EveryCutLengthStaysInsideTheBuffer) {
       ASSERT_LT(whole.size(), room);
       // The long records take every length near both ends and a spread in between.
       const size_t step = whole.size() > 4000 ? 97 : 1;
-      for (size_t len = 0; len <= whole.size() + 1; len += (len < 512 || len + 512 > whole.size()) ? 1 : step) {
+      for (size_t len = 0; len <= whole.size() + 1;
+           len += (len < 512 || len + 512 > whole.size()) ? 1 : step) {
         char *buf = end - len;
         err = 0;
-        int32_t n = text ? op<PrintFn>(type, "print")(h, 0, buf, 0, type.c_str(), inst, static_cast<uint32_t>(len), &err)
-                         : op<ToXmlFn>(type, "to_xml")(h, 0, type.c_str(), buf, inst, static_cast<uint32_t>(len), 0, &err);
+        int32_t n = text ? op<PrintFn>(type, "print")(h, 0, buf, 0, type.c_str(), inst,
+                                                      static_cast<uint32_t>(len), &err)
+                         : op<ToXmlFn>(type, "to_xml")(h, 0, type.c_str(), buf, inst,
+                                                       static_cast<uint32_t>(len), 0, &err);
         const size_t want = len ? std::min(len - 1, whole.size()) : 0;
         ASSERT_EQ(static_cast<size_t>(n), want) << type << " " << form << " " << len;
         ASSERT_EQ(err, len > whole.size() ? 0u : 90u) << type << " " << form << " " << len;
@@ -241,7 +253,8 @@ TEST(FromXml, AbsentElementsKeepTheirValues) {
     for (const bixfacts::Field *f : fields_of(type)) {  // what a fresh alternative holds
       if (std::string(f->kind) != "UnionAlt" || f->count != 2) continue;
       auto *alt = load_as<uint8_t *>(static_cast<uint8_t *>(want) + f->offset);
-      std::memset(alt + 11, 0, facts_type(f->member)->fixed_size - 11);  // primitives and arrays only
+      std::memset(alt + 11, 0,
+                  facts_type(f->member)->fixed_size - 11);  // primitives and arrays only
     }
     uint32_t err = 0;
     from_xml(h, type, "<" + type + "/>", inst, &err);
@@ -263,19 +276,23 @@ TEST(FromXml, ArraysStopAtTheFirstGapAndUnionsCreateTheirAlternative) {
   auto *x = ipc_shim_xcvr_data_create(h, 0);
   std::memset(x->manufacturer, 9, sizeof x->manufacturer);
   from_xml(h, "ipc_shim_xcvr_data",
-           "<r><manufacturer>1</manufacturer><manufacturer>2</manufacturer><serialNumber>3</serialNumber></r>",
+           "<r><manufacturer>1</manufacturer><manufacturer>2</manufacturer><serialNumber>3</"
+           "serialNumber></r>",
            x, &err, "/r");
   EXPECT_EQ(err, 0u);
-  EXPECT_EQ(std::vector<uint8_t>(x->manufacturer, x->manufacturer + 4), (std::vector<uint8_t>{1, 2, 9, 9}));
+  EXPECT_EQ(std::vector<uint8_t>(x->manufacturer, x->manufacturer + 4),
+            (std::vector<uint8_t>{1, 2, 9, 9}));
   EXPECT_EQ(x->serialNumber[0], 3);
   ipc_shim_xcvr_data_destroy(h, 0, x);
 
   auto *d = ipc_shim_data_create(h, 0);
   uint8_t five[] = {10, 11, 12, 13, 14};
   ipc_shim_data_data_set_mem(h, 0, d, five, 5, &err);
-  from_xml(h, "ipc_shim_data", "<d><size>900</size><data>1</data><data>2</data></d>", d, &err, "/d");
+  from_xml(h, "ipc_shim_data", "<d><size>900</size><data>1</data><data>2</data></d>", d, &err,
+           "/d");
   EXPECT_EQ(err, 0u);
-  EXPECT_EQ(std::vector<uint8_t>(d->data, d->data + d->size), (std::vector<uint8_t>{1, 2, 12, 13, 14}));
+  EXPECT_EQ(std::vector<uint8_t>(d->data, d->data + d->size),
+            (std::vector<uint8_t>{1, 2, 12, 13, 14}));
   uint8_t *states = nullptr;
   ipc_shim_data_data_state_flag_get_arr(h, 0, d, &states, &err);
   EXPECT_EQ(std::vector<uint8_t>(states, states + 5), (std::vector<uint8_t>{2, 2, 0, 0, 0}));
@@ -285,7 +302,8 @@ TEST(FromXml, ArraysStopAtTheFirstGapAndUnionsCreateTheirAlternative) {
   auto *old = wex_msa_env_mon_create(h, 0);
   wex_xcvr_status_info_msa_sensors_set(h, 0, s, old, &err);
   old->temp = 5;
-  from_xml(h, "wex_xcvr_status_info", "<s><xcvr_type><WEX_XCVR_TYPE_MSA/></xcvr_type></s>", s, &err, "/s");
+  from_xml(h, "wex_xcvr_status_info", "<s><xcvr_type><WEX_XCVR_TYPE_MSA/></xcvr_type></s>", s, &err,
+           "/s");
   EXPECT_EQ(err, 0u);
   ASSERT_NE(s->msa_sensors, nullptr);
   EXPECT_EQ(s->msa_sensors->temp, 0);  // made afresh, the old one released
@@ -303,7 +321,9 @@ TEST(FromXml, RefusalsStopTheParse) {
   EXPECT_EQ(p->is_present, 0);
   auto *t = wex_bix_env_sensor_table_create(h, 0);
   err = 0;
-  from_xml(h, "wex_bix_env_sensor_table", "<t><temp><low_limit>-129</low_limit></temp><num_volt_sensors>4</num_volt_sensors></t>", t, &err, "/t");
+  from_xml(h, "wex_bix_env_sensor_table",
+           "<t><temp><low_limit>-129</low_limit></temp><num_volt_sensors>4</num_volt_sensors></t>",
+           t, &err, "/t");
   EXPECT_EQ(err, 34u);
   EXPECT_EQ(t->num_volt_sensors, 0);
   err = 7;  // pending: nothing is read
@@ -360,7 +380,8 @@ TEST(Forms, SameUnderAGermanNumericLocale) {
   EXPECT_EQ(to_xml(h, "wex_bix_envm_sensor_data", s, &err), xml);
   auto *back = wex_bix_envm_sensor_data_create(h, 0);
   from_xml(h, "wex_bix_envm_sensor_data", xml, back, &err);
-  EXPECT_EQ(encode(plain, "wex_bix_envm_sensor_data", back), encode(plain, "wex_bix_envm_sensor_data", s));
+  EXPECT_EQ(encode(plain, "wex_bix_envm_sensor_data", back),
+            encode(plain, "wex_bix_envm_sensor_data", s));
   std::setlocale(LC_NUMERIC, "C");
   EXPECT_EQ(err, 0u);
   wex_bix_envm_sensor_data_destroy(h, 0, s);

@@ -15,7 +15,8 @@ namespace bixtest {
 
 using CreateFn = void *(*)(wex_handle *, uint32_t);
 using DestroyFn = void (*)(wex_handle *, uint32_t, void *);
-using MarshalFn = uint32_t (*)(wex_handle *, uint32_t, uint8_t *, const void *, int32_t, uint32_t *);
+using MarshalFn = uint32_t (*)(wex_handle *, uint32_t, uint8_t *, const void *, int32_t,
+                               uint32_t *);
 using PrintFn = int32_t (*)(wex_handle *, uint32_t, char *, uint32_t, const char *, const void *,
                             uint32_t, uint32_t *);
 using ToXmlFn = int32_t (*)(wex_handle *, uint32_t, const char *, char *, const void *, uint32_t,
@@ -51,7 +52,9 @@ inline bool has_union(const std::string &type) {
   return false;
 }
 
-inline void *create(wex_handle *h, const std::string &type) { return op<CreateFn>(type, "create")(h, 0); }
+inline void *create(wex_handle *h, const std::string &type) {
+  return op<CreateFn>(type, "create")(h, 0);
+}
 inline void destroy(wex_handle *h, const std::string &type, void *inst) {
   op<DestroyFn>(type, "destroy")(h, 0, inst);
 }
@@ -59,8 +62,9 @@ inline void destroy(wex_handle *h, const std::string &type, void *inst) {
 inline std::string print(wex_handle *h, const std::string &type, const void *inst, uint32_t *err,
                          uint32_t indent = 0, const std::string &name = "") {
   std::string buf(1 << 20, '\0');
-  int32_t n = op<PrintFn>(type, "print")(h, 0, buf.data(), indent, name.empty() ? type.c_str() : name.c_str(),
-                                         inst, static_cast<uint32_t>(buf.size()), err);
+  int32_t n = op<PrintFn>(type, "print")(h, 0, buf.data(), indent,
+                                         name.empty() ? type.c_str() : name.c_str(), inst,
+                                         static_cast<uint32_t>(buf.size()), err);
   buf.resize(static_cast<size_t>(n));
   return buf;
 }
@@ -88,7 +92,8 @@ inline void from_xml(wex_handle *h, const std::string &type, const std::string &
 inline std::vector<uint8_t> encode(wex_handle *h, const std::string &type, const void *inst) {
   std::vector<uint8_t> buf(1 << 16);
   uint32_t err = 0;
-  uint32_t n = op<MarshalFn>(type, "marshal")(h, 0, buf.data(), inst, static_cast<int32_t>(buf.size()), &err);
+  uint32_t n = op<MarshalFn>(type, "marshal")(h, 0, buf.data(), inst,
+                                              static_cast<int32_t>(buf.size()), &err);
   EXPECT_EQ(err, 0u) << type;
   buf.resize(n);
   return buf;
@@ -153,13 +158,16 @@ inline std::vector<Shown> shown(const std::string &type, const uint8_t *inst, co
       if (load_as<uint32_t>(inst + sel.offset + 12) == f.count && alt)
         out.push_back({f, member, std::string(sel.name) + "." + f.name, alt, own});
     } else {
-      out.push_back({f, kind == "Record" ? member : "", f.name, at, kind == "Count" ? nullptr : own});
+      out.push_back(
+          {f, kind == "Record" ? member : "", f.name, at, kind == "Count" ? nullptr : own});
     }
   }
   return out;
 }
 
-inline std::string pad(uint32_t n) { return std::string(n, ' '); }
+inline std::string pad(uint32_t n) {
+  return std::string(n, ' ');
+}
 
 // The text form of a record, as the rules describe it.
 inline std::string expected_text(wex_handle *h, const std::string &type, const uint8_t *inst,
@@ -172,7 +180,8 @@ inline std::string expected_text(wex_handle *h, const std::string &type, const u
         out += expected_text(h, s.member, s.at, indent + 2, s.name);
       } else if (kind == "Enum" || kind == "Selector" || kind == "Flags") {
         char line[512];  // the member type's own print body, tested with the values
-        op<PrintFn>(s.f.member, "print")(h, 0, line, indent + 2, s.name.c_str(), s.at, sizeof line, nullptr);
+        op<PrintFn>(s.f.member, "print")(h, 0, line, indent + 2, s.name.c_str(), s.at, sizeof line,
+                                         nullptr);
         out += line;
       } else {
         out += pad(indent + 2) + s.name + "@" + s.f.prim + ":" + decimal(s.f.prim, s.at) + "\n";
@@ -216,7 +225,8 @@ inline void check_xml(wex_handle *h, xmlNodePtr node, const std::string &type, c
     EXPECT_TRUE(kids.empty());
     return;
   }
-  auto items = shown(type, inst, states ? area_of(h, const_cast<uint8_t *>(inst), *facts_type(type)) : nullptr);
+  auto items = shown(type, inst,
+                     states ? area_of(h, const_cast<uint8_t *>(inst), *facts_type(type)) : nullptr);
   ASSERT_EQ(kids.size(), items.size());
   for (size_t i = 0; i < items.size(); ++i) {
     const Shown &s = items[i];
@@ -246,7 +256,8 @@ inline void check_xml_text(wex_handle *h, const std::string &xml, const std::str
                            const void *inst, bool states) {
   xmlDocPtr doc = xmlReadMemory(xml.data(), static_cast<int>(xml.size()), nullptr, nullptr, 0);
   ASSERT_NE(doc, nullptr) << xml.substr(0, 300);
-  check_xml(h, xmlDocGetRootElement(doc), type, static_cast<const uint8_t *>(inst), type, 0, states);
+  check_xml(h, xmlDocGetRootElement(doc), type, static_cast<const uint8_t *>(inst), type, 0,
+            states);
   xmlFreeDoc(doc);
 }
 
