@@ -10,12 +10,12 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <map>
 #include <regex>
 #include <string>
 #include <vector>
 
 #include "../tests/wire/fill.h"
+#include "fuzz_support.h"
 
 namespace {
 
@@ -49,35 +49,10 @@ const std::vector<RecordOps> &records() {
   return all;
 }
 
-struct Counting {
-  std::map<void *, uint32_t> live;
-  uint64_t bytes = 0;
-};
-
-void require(bool ok, const char *what, const std::string &type) {
-  if (ok) return;
-  std::fprintf(stderr, "fuzz invariant broken: %s (%s)\n", what, type.c_str());
-  std::abort();
-}
-
-wex_handle *counting_handle(Counting &c, wex_sttr_profile *profile) {
-  wex_handle *h = wex_handle_new();
-  h->sttr_profile = profile;
-  h->alloc_ctx = &c;
-  h->allocate = [](void *ctx, uint32_t, uint32_t size) -> void * {
-    auto *c = static_cast<Counting *>(ctx);
-    if (size > (16u << 20)) return nullptr;
-    void *p = std::malloc(size ? size : 1);
-    c->live[p] = size;
-    c->bytes += size;
-    return p;
-  };
-  h->release = [](void *ctx, uint32_t, void *p) {
-    static_cast<Counting *>(ctx)->live.erase(p);
-    std::free(p);
-  };
-  return h;
-}
+using bixfuzz::Counting;
+using bixfuzz::counting_handle;
+using bixfuzz::free_handle;
+using bixfuzz::require;
 
 std::string render(wex_handle *h, const RecordOps &r, const void *inst) {
   static std::vector<char> buf(8u << 20);
@@ -147,8 +122,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   }
   r.destroy(h, 0, inst);
   require(c.live.empty(), "leak after destroy", r.name);
-  h->sttr_profile = nullptr;
-  wex_handle_free(h);
+  free_handle(h);
   return 0;
 }
 

@@ -2,6 +2,7 @@
 // field descriptors that both forms share, so they can never disagree on it.
 #pragma once
 
+#include <climits>
 #include <cstring>
 
 #include "bix/core.h"
@@ -90,6 +91,22 @@ class ElementNames {
   size_t length_ = 0;
   uint32_t k_ = 0;
 };
+
+// The start of both forms. False, with nothing to write, under a pending error, and with
+// 22 for an instance of another type (a cast in the caller): its memory is not laid out
+// as d says. Counts are signed on the way out, so a longer buffer is used up to what
+// they can say.
+inline bool begin_shown(const TypeDesc &d, wex_handle *h, const void *inst, uint32_t *err,
+                        uint32_t *len) {
+  if (*err) return false;
+  wex_clear_last_error(h);
+  if (wex_get_manifested_type_info(inst) && !is_instance_of(d, inst)) {
+    store_err(h, err, 22);
+    return false;
+  }
+  if (*len > INT32_MAX) *len = INT32_MAX;
+  return true;
+}
 
 // Visits, in schema order, every field of a record (`field`), every element of its
 // arrays (`element`: all of a fixed array, the current count of the variable array) and

@@ -1,7 +1,6 @@
 // Text form of records: one print body for every record type, over the field descriptors.
 // The bodies add up what each writer reports and hand on the room left; the runtime's
 // writers never report more than they stored, so the sum never passes the buffer.
-#include <climits>
 
 #include "bix/core.h"
 #include "shown.h"
@@ -76,14 +75,7 @@ int32_t record_print(const TypeDesc &d, wex_handle *h, uint32_t ws, char *buf, u
                      const char *name, const void *inst, uint32_t len, uint32_t *err) {
   uint32_t own = 0;
   if (!err) err = &own;
-  if (*err) return 0;
-  wex_clear_last_error(h);
-  if (wex_get_manifested_type_info(inst) && !is_instance_of(d, inst)) {
-    store_err(h, err, 22);  // another type's memory: not laid out as d says
-    return 0;
-  }
-  // Counts are signed on the way out: a larger buffer is used up to what they can say.
-  if (len > INT32_MAX) len = INT32_MAX;
+  if (!begin_shown(d, h, inst, err, &len)) return 0;
   const int8_t variant = wex_get_instance_variant(inst, 1, 0);
   TextShow out{h, ws, buf, len, indent + 2, err};
   out.add(wex_print_space(h, ws, buf, indent, out.room(), err));

@@ -3,7 +3,6 @@
 // ("P/name", "P/name[k]"), which the runtime answers from the parent's children, so a
 // whole record costs time linear in the document.
 #include <algorithm>
-#include <climits>
 
 #include "bix/core.h"
 #include "shown.h"
@@ -287,13 +286,7 @@ int32_t record_to_xml(const TypeDesc &d, wex_handle *h, uint32_t ws, const char 
                       const void *inst, uint32_t len, uint8_t state, uint32_t *err) {
   uint32_t own = 0;
   if (!err) err = &own;
-  if (*err) return 0;
-  wex_clear_last_error(h);
-  if (wex_get_manifested_type_info(inst) && !is_instance_of(d, inst)) {
-    store_err(h, err, 22);  // another type's memory: not laid out as d says
-    return 0;
-  }
-  if (len > INT32_MAX) len = INT32_MAX;
+  if (!begin_shown(d, h, inst, err, &len)) return 0;
   const int8_t variant = wex_get_instance_variant(inst, 1, 0);
   const bool states = tracking_on(h);  // fatal on a corrupted mode word
   XmlShow out{d, h, ws, buf, len, const_cast<void *>(inst), states, err};
