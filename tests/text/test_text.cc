@@ -329,6 +329,14 @@ TEST(FromXml, RefusalsStopTheParse) {
   err = 7;  // pending: nothing is read
   from_xml(h, kPresence, "<p><is_present>1</is_present></p>", p, &err, "/p");
   EXPECT_EQ(p->is_present, 0);
+  // Child paths are formed in 256 bytes: one that does not fit is refused, not cut.
+  const std::string root(248, 'r');
+  auto *id = wex_xcvr_identifier_create(h, 0);
+  err = 0;
+  from_xml(h, "wex_xcvr_identifier",
+           "<" + root + "><slot>1</slot><subslot>2</subslot></" + root + ">", id, &err, "/" + root);
+  EXPECT_EQ(std::tuple(err, id->slot, id->subslot), std::tuple(22u, uint16_t{1}, uint16_t{0}));
+  wex_xcvr_identifier_destroy(h, 0, id);
   h->error = 1;  // a _cr create under a pending error hands out the shared null instance
   auto *shared = wex_xcvr_presence_info_create_cr(h);
   h->error = 0;
