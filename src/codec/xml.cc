@@ -2,7 +2,6 @@
 // the field descriptors. Parsing reads the runtime's document through child paths only
 // ("P/name", "P/name[k]"), which the runtime answers from the parent's children, so a
 // whole record costs time linear in the document.
-#include <algorithm>
 
 #include "bix/core.h"
 #include "shown.h"
@@ -255,8 +254,9 @@ bool XmlParse::var_array(const FieldDesc &f) {
 }
 
 // The alternative the selector names is created afresh and read from "P/sel-alt". One
-// the instance already held in that slot is released first: nothing else refers to it,
-// and keeping it would leak it.
+// the instance already held in that slot is released once the fresh one is in place: the
+// instance owns it and nothing else would ever free it. A failed creation leaves the
+// slot as it was.
 bool XmlParse::alternative(const FieldDesc &sel) {
   const uint32_t chosen = load<uint32_t>(inst + sel.offset + kEnumValueOffset);
   for (uint16_t i = static_cast<uint16_t>(sel.link); i < d.nfields; ++i) {
