@@ -33,7 +33,7 @@ class TextOut {
   }
   void put(std::string_view text) { put(text.data(), text.size()); }
   void put(char c) { put(&c, 1); }
-  void blanks(size_t n) {
+  void blanks(size_t n, size_t = 0) {
     size_t k = n < cap_ - n_ ? n : cap_ - n_;
     std::memset(pos_ + n_, ' ', k);
     n_ += k;
@@ -73,8 +73,13 @@ class FastOut {
   }
   void put(std::string_view text) { put(text.data(), text.size()); }
   void put(char c) { *w_++ = c; }
-  void blanks(size_t n) {
-    std::memset(w_, ' ', n);
+  // `after`: characters surely written after the blanks. Indentations are short: when the
+  // text covers 16 characters anyway, a fixed 16-blank store costs less than a call.
+  void blanks(size_t n, size_t after = 0) {
+    if (n <= 16 && n + after >= 16)
+      std::memcpy(w_, "                ", 16);
+    else
+      std::memset(w_, ' ', n);
     w_ += n;
   }
   template <typename T>
@@ -152,7 +157,7 @@ int32_t prim_print(wex_handle *h, char *pos, uint32_t indent, const char *name,
   const std::string_view n = safe(name);
   const size_t bound = size_t{indent} + n.size() + type_name.size() + 3 + FastOut::kMaxDigits;
   return write_text(h, pos, room, err, bound, [&](auto &out) {
-    out.blanks(indent);
+    out.blanks(indent, n.size() + type_name.size() + 4);  // "@", ":", a digit, "\n"
     out.put(n);
     out.put('@');
     out.put(type_name);
