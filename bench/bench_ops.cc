@@ -7,7 +7,8 @@
 // <op>: memcpy, len, marshal, unmarshal (the wire codec), or a whole-object operation with
 // its baseline: marshal_unmarshal, clone (clone_cr and destroy), copy (copy_cr), memcmp,
 // compare, superfasthash, hash (memcmp and SuperFastHash over the bytes compare and hash
-// walk).
+// walk), or a text form: print, to_xml, xml_parse (the runtime's document parse) or from_xml
+// (which parses its document each time too: its own count is the difference of the two).
 //
 // <record> is a case label (status_info, envm_sensor_data, shim_data_1k) or its type name.
 // memcpy copies as many bytes as the record's encoding holds.
@@ -24,7 +25,7 @@ int usage() {
   std::fprintf(stderr,
                "usage: bench_ops <op> <record> <iterations> [--per-element] [--tracking]\n"
                "ops: memcpy len marshal unmarshal marshal_unmarshal clone copy memcmp compare "
-               "superfasthash hash\nrecords:");
+               "superfasthash hash print to_xml xml_parse from_xml\nrecords:");
   for (const auto &c : bixbench::cases()) std::fprintf(stderr, " %s", c.label);
   std::fprintf(stderr, "\n");
   return 2;
@@ -58,8 +59,9 @@ int main(int argc, char **argv) {
   char *end = nullptr;
   const unsigned long iterations = std::strtoul(pos[2].c_str(), &end, 10);
   const bixbench::WholeOp *whole = bixbench::find_whole_op(op);
+  const bool form = op == "print" || op == "to_xml" || op == "xml_parse" || op == "from_xml";
   if (!c || *end ||
-      (!whole && op != "memcpy" && op != "len" && op != "marshal" && op != "unmarshal"))
+      (!whole && !form && op != "memcpy" && op != "len" && op != "marshal" && op != "unmarshal"))
     return usage();
 
   bixbench::Subject s(*c, tracking);
@@ -89,6 +91,32 @@ int main(int argc, char **argv) {
     std::printf("%s %s %s bytes %zu codecs %s\n", op.c_str(), c->label,
                 tracking ? "sttr_on" : "sttr_off", walks ? s.flat.size() : bytes,
                 bixbench::codec_path());
+    return 0;
+  }
+  if (form) {
+    // Reported with the characters of the form written or read, and the XML's elements.
+    auto once = [&]() -> size_t {
+      if (op == "print") return static_cast<size_t>(s.print(&err));
+      if (op == "to_xml") return static_cast<size_t>(s.to_xml(&err));
+      void *doc = s.parse_xml();
+      if (!doc) err = 22;
+      if (doc && op == "from_xml") s.from_xml(doc, &err);
+      wex_xml_doc_free(doc);
+      return s.xml.size();
+    };
+    const size_t want = op == "print" ? s.text.size() : s.xml.size();
+    size_t got = once();
+    for (unsigned long i = 0; i < iterations && !err; ++i) {
+      got = once();
+      keep(got);
+    }
+    if (err || got != want) {
+      std::fprintf(stderr, "bench_ops: %s %s: err %u, %zu of %zu characters\n", op.c_str(),
+                   c->label, err, got, want);
+      return 1;
+    }
+    std::printf("%s %s %s bytes %zu elements %u\n", op.c_str(), c->label,
+                tracking ? "sttr_on" : "sttr_off", want, s.xml_elements);
     return 0;
   }
   if (op == "memcpy") {

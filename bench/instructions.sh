@@ -11,6 +11,10 @@
 #       the whole-object operations beside their baselines, for status_info and
 #       envm_sensor_data: clone (clone_cr + destroy) and copy (copy_cr) beside marshal +
 #       unmarshal, compare beside memcmp, hash beside SuperFastHash of the walked bytes
+#   bench/instructions.sh text [-n N] [--tracking]
+#       the text and XML forms of each record: to_xml, print, the runtime's document parse
+#       (xml_parse) and from_xml (its own count: parse and from_xml less the parse alone),
+#       over to_xml
 #   bench/instructions.sh profile <op> <record> [-n N] [--per-element] [--tracking]
 #                                 [--lines FILE]...
 #       where one operation's instructions go: per function, instructions and calls per
@@ -145,6 +149,34 @@ whole_table() {
     x_baseline "marshal_unmarshal memcmp superfasthash" "${jobs[@]}"
 }
 
+text_table() {
+  table_options "$@"
+  local jobs=() k=0 parse=0
+  for t in "${TRACKING_MODES[@]}"; do
+    local tflag=""
+    [ "$t" = on ] && tflag=--tracking
+    for r in "${RECORDS[@]}"; do
+      for op in to_xml print xml_parse from_xml; do jobs+=("$op $r - $t $tflag"); done
+    done
+  done
+  run_jobs "${jobs[@]}"
+  # from_xml parses its document each time: its own count leaves the parse out.
+  for j in "${jobs[@]}"; do
+    read -r op _ <<<"$j"
+    local res ir bytes
+    res=$(cat "$TMP/job.$k")
+    if [ "$res" != failed ]; then
+      read -r ir bytes <<<"$res"
+      [ "$op" = xml_parse ] && parse=$ir
+      [ "$op" = from_xml ] && awk -v a="$ir" -v b="$parse" -v n="$bytes" \
+        'BEGIN { printf "%.1f %s\n", a - b, n }' >"$TMP/job.$k"
+    fi
+    k=$((k + 1))
+  done
+  print_rows "Text and XML forms: instructions per operation (callgrind, (I(2N) - I(N)) / N, N = $N); bytes: the text form for print, the XML for the others" \
+    x_to_xml "to_xml" "${jobs[@]}"
+}
+
 profile() {
   [ $# -ge 2 ] || { echo "usage: instructions.sh profile <op> <record> [-n N] [--per-element] [--tracking] [--lines FILE]" >&2; exit 2; }
   local op=$1 rec=$2
@@ -172,5 +204,6 @@ profile() {
 case "${1:-}" in
   profile) shift; profile "$@" ;;
   whole) shift; whole_table "$@" ;;
+  text) shift; text_table "$@" ;;
   *) table "$@" ;;
 esac

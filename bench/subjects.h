@@ -22,6 +22,12 @@ using CloneCrFn = void *(*)(wex_handle *, const void *);
 using CopyCrFn = void (*)(wex_handle *, const void *, void *);
 using CompareFn = int32_t (*)(const void *, const void *);
 using HashFn = uint32_t (*)(const void *, uint32_t);
+using PrintFn = int32_t (*)(wex_handle *, uint32_t, char *, uint32_t, const char *, const void *,
+                            uint32_t, uint32_t *);
+using ToXmlFn = int32_t (*)(wex_handle *, uint32_t, const char *, char *, const void *, uint32_t,
+                            uint8_t, uint32_t *);
+using FromXmlFn = void (*)(wex_handle *, uint32_t, const char *, void *, void *, uint32_t *, char *,
+                           uint32_t);
 
 // The record operations of one type, called directly (no lookup on the measured path).
 struct Ops {
@@ -35,6 +41,9 @@ struct Ops {
   CopyCrFn copy_cr;
   CompareFn compare;
   HashFn hash;
+  PrintFn print;
+  ToXmlFn to_xml;
+  FromXmlFn from_xml;
 };
 
 // What is measured: a record type, the union alternative its selectors pick (1..7) and
@@ -86,6 +95,11 @@ class Subject {
   Buffer out;         // where marshal writes
   uint32_t room = 0;  // what len() answers: the room marshal is given
   std::string error;  // why the subject is unusable; empty when it is fine
+  // The text forms of src: what print and to_xml write (into text_out, with room for
+  // either and its NUL), the XML's elements, and the path from_xml reads src's element at.
+  std::string text, xml, path;
+  std::vector<char> text_out;
+  uint32_t xml_elements = 0;
 
   uint32_t len() const { return c.ops.len(h, 0, src); }
   // The bytes written; *err receives the error code.
@@ -126,7 +140,26 @@ class Subject {
   uint32_t hash() { return c.ops.hash(src, 0x5eed); }
   uint32_t superfasthash_flat();
 
+  // The text forms; the characters written.
+  int32_t print(uint32_t *err) {
+    *err = 0;
+    return c.ops.print(h, 0, text_out.data(), 0, c.ops.type, src, text_room(), err);
+  }
+  int32_t to_xml(uint32_t *err) {
+    *err = 0;
+    return c.ops.to_xml(h, 0, c.ops.type, text_out.data(), src, text_room(), 0, err);
+  }
+  // A document of `xml`, as from_xml is handed one (wex_xml_doc_free when done).
+  void *parse_xml() const { return wex_xml_doc_parse(xml.data(), xml.size()); }
+  // Fills inst (dst when null) from the document.
+  void from_xml(void *doc, uint32_t *err, void *inst = nullptr) {
+    *err = 0;
+    c.ops.from_xml(h, 0, path.c_str(), doc, inst ? inst : dst, err, nullptr, 0);
+  }
+
  private:
+  uint32_t text_room() const { return static_cast<uint32_t>(text_out.size()); }
+  std::string take_text_forms();
   wex_sttr_profile profile_{};
 };
 

@@ -3,6 +3,9 @@
 
 #include <dlfcn.h>
 
+#include <cstdio>
+#include <cstdlib>
+#include <map>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -20,6 +23,46 @@ struct TypeOps {
   uint32_t (*marshal)(wex_handle *, uint32_t, uint8_t *, const void *, int32_t, uint32_t *);
   uint32_t (*unmarshal)(wex_handle *, uint32_t, const uint8_t *, void *, int32_t, uint32_t, uint32_t *);
 };
+
+// A handle whose allocator keeps count of what is live and of the bytes handed out, and
+// can refuse its fail_at-th allocation. Requests above 16 MiB are refused.
+struct Counting {
+  std::map<void *, uint32_t> live;
+  uint64_t bytes = 0;
+  uint32_t allocs = 0, fail_at = 0, refused = 0;
+};
+
+inline void require(bool ok, const char *what, const std::string &type) {
+  if (ok) return;
+  std::fprintf(stderr, "fuzz invariant broken: %s (%s)\n", what, type.c_str());
+  std::abort();
+}
+
+inline wex_handle *counting_handle(Counting &c, wex_sttr_profile *profile, bool indirect = false) {
+  wex_handle *h = wex_handle_new();
+  h->sttr_profile = profile;
+  h->types_indirect = indirect;
+  h->alloc_ctx = &c;
+  h->allocate = [](void *ctx, uint32_t, uint32_t size) -> void * {
+    auto *c = static_cast<Counting *>(ctx);
+    if (++c->allocs == c->fail_at) return ++c->refused, nullptr;
+    if (size > (16u << 20)) return nullptr;
+    void *p = std::malloc(size ? size : 1);
+    c->live[p] = size;
+    c->bytes += size;
+    return p;
+  };
+  h->release = [](void *ctx, uint32_t, void *p) {
+    static_cast<Counting *>(ctx)->live.erase(p);
+    std::free(p);
+  };
+  return h;
+}
+
+inline void free_handle(wex_handle *h) {
+  h->sttr_profile = nullptr;
+  wex_handle_free(h);
+}
 
 template <typename Fn>
 Fn lookup(const std::string &type, const char *op) {

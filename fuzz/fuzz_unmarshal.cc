@@ -32,43 +32,10 @@
 
 namespace {
 
-struct Counting {
-  std::map<void *, uint32_t> live;
-  uint64_t bytes = 0;
-  uint32_t allocs = 0, fail_at = 0, refused = 0;
-};
-
-void require(bool ok, const char *what, const std::string &type) {
-  if (ok) return;
-  std::fprintf(stderr, "fuzz invariant broken: %s (%s)\n", what, type.c_str());
-  std::abort();
-}
-
-wex_handle *counting_handle(Counting &c, wex_sttr_profile *profile, bool indirect) {
-  wex_handle *h = wex_handle_new();
-  h->sttr_profile = profile;
-  h->types_indirect = indirect;
-  h->alloc_ctx = &c;
-  h->allocate = [](void *ctx, uint32_t, uint32_t size) -> void * {
-    auto *c = static_cast<Counting *>(ctx);
-    if (++c->allocs == c->fail_at) return ++c->refused, nullptr;
-    if (size > (16u << 20)) return nullptr;
-    void *p = std::malloc(size ? size : 1);
-    c->live[p] = size;
-    c->bytes += size;
-    return p;
-  };
-  h->release = [](void *ctx, uint32_t, void *p) {
-    static_cast<Counting *>(ctx)->live.erase(p);
-    std::free(p);
-  };
-  return h;
-}
-
-void free_handle(wex_handle *h) {
-  h->sttr_profile = nullptr;
-  wex_handle_free(h);
-}
+using bixfuzz::Counting;
+using bixfuzz::counting_handle;
+using bixfuzz::free_handle;
+using bixfuzz::require;
 
 // The last `len` bytes before a page that is not mapped: an encoder that writes one byte
 // past the room it was given faults at once.

@@ -1,7 +1,9 @@
 // Runs the fuzz target over corpus files without libFuzzer, so the committed corpus is
 // replayed by the ordinary test suite (under the sanitizers in the sanitized build).
 //   fuzz_replay FILE|DIR...        replay
-//   fuzz_replay --make-seeds DIR   write one valid encoding per type and tracking mode
+//   fuzz_replay --make-seeds DIR   write the target's seeds: its own bixfuzz_make_seeds
+//                                  when it has one, else one valid encoding per type and
+//                                  tracking mode
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -12,6 +14,7 @@
 #include "fuzz_support.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size);
+extern "C" int bixfuzz_make_seeds(const char *dir) __attribute__((weak));
 
 namespace fs = std::filesystem;
 
@@ -44,7 +47,8 @@ static void replay(const fs::path &file) {
 }
 
 int main(int argc, char **argv) {
-  if (argc == 3 && std::string(argv[1]) == "--make-seeds") return make_seeds(argv[2]);
+  if (argc == 3 && std::string(argv[1]) == "--make-seeds")
+    return bixfuzz_make_seeds ? bixfuzz_make_seeds(argv[2]) : make_seeds(argv[2]);
   size_t n = 0;
   for (int i = 1; i < argc; ++i) {
     fs::path p(argv[i]);

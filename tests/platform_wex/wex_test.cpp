@@ -301,10 +301,11 @@ TEST_F(Wex, DomainLookupsInstanceQueriesAndHandleDataMapping) {
 
 // ---- Text and XML -------------------------------------------------------------------
 
-// Each writer's exact text; one byte short it stores what fits and reports
-// 90; a pending code stops all of them but end_tag, which closes the
-// element (so output stays well formed) and keeps the code.
-TEST_F(Wex, WritersExactTextCutAtTheRoomAndPendingCode) {
+// Each writer's exact text, and at every room from 0 to one past it: what fits of it,
+// NUL-terminated, 90 when it did not all fit, nothing at all written into no room; a
+// pending code stops all of them but end_tag, which closes the element (so output stays
+// well formed) and keeps the code.
+TEST_F(Wex, WritersExactTextCutAtEveryRoomAndPendingCode) {
   // clang-format off
 #define W(call) [&](char *p, int32_t r, uint32_t *e) { return call; }
 #define V(T, v) host<T>(v).data()
@@ -313,25 +314,40 @@ TEST_F(Wex, WritersExactTextCutAtTheRoomAndPendingCode) {
       {W(int16_print(h, 0, p, 0, "temp", V(int16_t, -5), r, e)), "temp@int16:-5\n"},
       {W(u_int32_print(h, 0, p, 4, "bm", V(uint32_t, ~0u), r, e)), "    bm@u_int32:4294967295\n"},
       {W(int32_print(h, 0, p, 1, "t", V(int32_t, INT32_MIN), r, e)), " t@int32:-2147483648\n"},
+      {W(int8_print(h, 0, p, 0, nullptr, V(int8_t, 0), r, e)), "@int8:0\n"},
+      {W(u_int16_print(h, 0, p, 0, "w", V(uint16_t, 65535), r, e)), "w@u_int16:65535\n"},
       {W(int8_to_xml(h, 0, "offset", p, V(int8_t, -128), r, 0, e)), "<offset>-128</offset>\n"},
       {W(u_int16_to_xml(h, 0, "u", p, V(uint16_t, 65535), r, 2, e)), "<u state=\"2\">65535</u>\n"},
+      {W(u_int8_to_xml(h, 0, "b", p, V(uint8_t, 200), r, 255, e)), "<b state=\"255\">200</b>\n"},
+      {W(int32_to_xml(h, 0, "i", p, V(int32_t, INT32_MIN), r, 0, e)), "<i>-2147483648</i>\n"},
+      {W(u_int32_to_xml(h, 0, "n", p, V(uint32_t, 0), r, 0, e)), "<n>0</n>\n"},
+      {W(int16_to_xml(h, 0, "s", p, V(int16_t, -32768), r, 1, e)), "<s state=\"1\">-32768</s>\n"},
       {W(start_tag(h, 0, p, "rec", r, 0, e)), "<rec>\n"},
       {W(start_tag(h, 0, p, "rc", r, 3, e)), "<rc state=\"3\">\n"},
       {W(end_tag(h, 0, p, "rc", r, e)), "</rc>\n"},
       {W(xml_enum_print(h, 0, p, "<SUCCESS_RC/>trailing", r, 13, e)), "<SUCCESS_RC/>"},
       {W(wex_print_space(h, 0, p, 4, r, e)), "    "},
-      {W(wex_snprintf(h, 0, p, r, e, "%s=%d", "value", 42)), "value=42"}};
+      {W(wex_snprintf(h, 0, p, r, e, "%s=%d", "value", 42)), "value=42"},
+      {W(wex_snprintf(h, 0, p, r, e, "%s@%s: {\n", "info", "wex_xcvr_info")), "info@wex_xcvr_info: {\n"},
+      {W(wex_snprintf(h, 0, p, r, e, "%u%%%i|%s", 4000000000u, -7, "")), "4000000000%-7|"},
+      {W(wex_snprintf(h, 0, p, r, e, "%04x|%-3s|%ld", 0xAB, "a", -9L)), "00ab|a  |-9"}};
   // clang-format on
   char text[64];
   for (const auto &[write, want] : cases) {
     const auto n = static_cast<int32_t>(want.size());
     const bool closes = want == "</rc>\n";
-    uint32_t e[3] = {0, 0, WEX_ERR_VARIANT};
-    EXPECT_EQ((std::tuple{write(text, n + 1, &e[0]), std::string(text), write(text, n, &e[1]),
-                          std::string(text), e[0], e[1]}),
-              (std::tuple{n, want, n - 1, want.substr(0, n - 1), 0u, WEX_ERR_NOROOM}));
+    for (int32_t room = 0; room <= n + 1; ++room) {
+      std::strcpy(text, "keep");
+      uint32_t e = 0;
+      const int32_t stored = room ? std::min(n, room - 1) : 0;
+      EXPECT_EQ((std::tuple{write(text, room, &e), std::string(text), e}),
+                (std::tuple{stored, room ? want.substr(0, stored) : "keep",
+                            room > n ? 0u : WEX_ERR_NOROOM}))
+          << want << " room " << room;
+    }
+    uint32_t pending = WEX_ERR_VARIANT;
     std::strcpy(text, "keep");
-    EXPECT_EQ((std::tuple{write(text, 64, &e[2]), std::string(text), e[2]}),
+    EXPECT_EQ((std::tuple{write(text, 64, &pending), std::string(text), pending}),
               (std::tuple{closes ? n : 0, closes ? want : "keep", WEX_ERR_VARIANT}));
   }
   EXPECT_EQ((Codes{uint32_t(u_int32_print(h, 0, text, 0, "x", buf, 0, &err)), err}),

@@ -209,6 +209,8 @@ bool resolve(Schema &s) {
           if (t.fields[j].name == f.link_name && t.fields[j].kind == FieldKind::Count)
             f.link = static_cast<int>(j);
         if (f.link < 0) ok = fail(t, f.line, "counted-by names no count field");
+        // XML parsing reads each element through the runtime's u_int8 temporary.
+        if (f.prim != Prim::U8) ok = fail(t, f.line, "a variable array holds u_int8");
       }
       if (f.kind == FieldKind::Selector) f.link = static_cast<int>(i + 1);
       if (f.kind == FieldKind::UnionAlt) {

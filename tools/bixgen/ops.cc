@@ -5,7 +5,7 @@ namespace bixgen {
 const std::vector<OpSpec> &type_ops() {
   static const std::vector<OpSpec> all = [] {
     std::vector<OpSpec> v;
-    for (auto family : {lifecycle_ops, value_ops, access_ops, whole_ops, clone_ops, wire_ops}) {
+    for (auto family : {lifecycle_ops, value_ops, access_ops, whole_ops, clone_ops, wire_ops, text_ops}) {
       auto f = family();
       v.insert(v.end(), f.begin(), f.end());
     }

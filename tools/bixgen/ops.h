@@ -44,6 +44,7 @@ std::vector<FieldOpSpec> field_ops();  // ops_fields.cc: per-field accessors
 std::vector<OpSpec> wire_ops();        // ops_wire.cc: len/marshal/unmarshal
 std::vector<OpSpec> whole_ops();       // ops_whole.cc: get_all/set_all, compare, hash
 std::vector<OpSpec> clone_ops();       // ops_clone.cc: clone, copy, post-copy, offset_remove
+std::vector<OpSpec> text_ops();        // ops_text.cc: print, to_xml, from_xml
 
 const std::vector<OpSpec> &type_ops();
 const std::vector<FieldOpSpec> &all_field_ops();

@@ -110,6 +110,7 @@ uint32_t enum_to_internal(const TypeDesc &d, uint32_t user);
 
 // Further families, one header each.
 #include "bix/access.h"
+#include "bix/text.h"
 #include "bix/values.h"
 #include "bix/whole.h"
 #include "bix/wire.h"
