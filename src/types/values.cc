@@ -251,8 +251,11 @@ void leaf_from_xml(const TypeDesc &d, wex_handle *h, uint32_t ws, const char *pa
   for (uint16_t i = 0; i < d.nliterals; ++i) {
     char child[kPathMax];
     char value[kValueMax];
-    std::snprintf(child, sizeof child, "%s/%s", path, d.literals[i].name);
-    int r = xml_get_element_value(doc, child, value, sizeof value, 0);
+    // A path cut short would name another element (..._SFP for ..._SFP_PLUS): refused.
+    const int want = std::snprintf(child, sizeof child, "%s/%s", path ? path : "", d.literals[i].name);
+    int r = want < 0 || static_cast<size_t>(want) >= sizeof child
+                ? 22
+                : xml_get_element_value(doc, child, value, sizeof value, 0);
     if (r == 2) continue;
     if (r != 0) {
       store_err(h, err, static_cast<uint32_t>(r));

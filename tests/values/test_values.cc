@@ -458,6 +458,11 @@ TEST(LeafText, FromXmlFindsTheFirstLiteralAndOnlyTurnsFlagsOn) {
   wex_xcvr_rc_from_xml(h, 0, "/r/rc[", one.doc, rc, &err, msg, sizeof msg);  // bad path
   EXPECT_NE(err, 0u);
   EXPECT_STREQ(msg, "Failed xpath: /r/rc[");
+  // A path that does not fit with the literal's name is refused, not cut into another one.
+  err = 0;
+  const std::string deep = "/" + std::string(240, 'a');
+  wex_xcvr_rc_from_xml(h, 0, deep.c_str(), one.doc, rc, &err, msg, sizeof msg);
+  EXPECT_EQ(err, 22u);
   wex_xcvr_rc_destroy(h, 0, rc);
   wex_xcvr_status_bitmap_destroy(h, 0, bm);
 }
