@@ -477,6 +477,8 @@ std::string emit_facts(const Schema &s) {
        "namespace bixfacts {\n"
        "struct Type { const char *name; const char *kind; uint32_t fixed_size, sttr_size; int latest;\n"
        "  const char *luid; uint32_t nliterals; bool shifted; };\n"
+       "// Enumeration literals and flag names (user value or flag number).\n"
+       "struct Literal { const char *type; const char *name; uint32_t user; };\n"
        "// Members of each message in order; type null for the session header.\n"
        "struct Member { const char *message; const char *name; const char *type; uint32_t offset; };\n"
        "struct Field { const char *type; const char *name; const char *kind; const char *prim;\n"
@@ -495,6 +497,9 @@ std::string emit_facts(const Schema &s) {
         << f.sttr << ", " << f.sttr_elems << ", " << f.sttr_areas << ", " << f.sttr_ptr << ", "
         << (f.type ? "\"" + f.type->name + "\"" : "nullptr") << ", " << f.link << ", "
         << (f.in_get_all ? "true" : "false") << ", " << (f.in_set_all ? "true" : "false") << "},\n";
+  o << "};\ninline constexpr Literal kLiterals[] = {\n";
+  for (auto &t : s.types)
+    for (auto &l : t.literals) o << "    {\"" << t.name << "\", \"" << l.name << "\", " << l.user << "},\n";
   o << "};\ninline constexpr Member kMembers[] = {\n";
   for (auto &t : s.types)
     for (size_t i = 0; i < t.members.size(); ++i)
