@@ -15,6 +15,26 @@ uint64_t counter(const Msg &m, bool destroyed) {
   return destroyed ? t->variant_info->entries[0].destroyed : t->variant_info->entries[0].created;
 }
 
+// The whole message ABI: 24 operations per message and 4 per member, 392 in all, plus
+// the module's bundle handler registration.
+TEST(MessageObject, EveryOperationIsExported) {
+  const char *const ops[] = {"create", "create_cr", "create_unsafe", "create_shallow", "destroy", "destroy_cr",
+                             "destroy_unsafe", "is_valid_cr", "len", "len_cr", "len_unsafe", "marshal",
+                             "marshal_cr", "marshal_unsafe", "unmarshal", "unmarshal_only", "print", "print_cr",
+                             "print_unsafe", "to_xml", "toxml_cr", "to_xml_unsafe", "from_xml", "from_xml_unsafe"};
+  size_t found = 0;
+  for (const Msg &m : messages()) {
+    for (const char *op : ops) found += dlsym(RTLD_DEFAULT, (m.name + "_message_" + op).c_str()) != nullptr;
+    for (const Member &mem : m.members)
+      for (const char *op : {"get", "get_detach", "set", "free_and_set"})
+        found += dlsym(RTLD_DEFAULT, (m.name + "_message_" + mem.name + "_" + op).c_str()) != nullptr;
+  }
+  EXPECT_EQ(found, 392u);
+  for (const char *f : {"bix_ipc_shim_bundle_handler_register", "bix_ipc_shim_bundle_handler_unregister",
+                        "bix_ipc_shim_bundle_registered_handler", "bix_ipc_shim_message_receive"})
+    EXPECT_TRUE(dlsym(RTLD_DEFAULT, f)) << f;
+}
+
 TEST(MessageObject, CreateMakesEveryMemberAndTheHeaderRecord) {
   for (uint32_t mode : kModes) {
     for (const Msg &m : messages()) {
