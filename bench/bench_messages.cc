@@ -33,16 +33,19 @@ struct Case {
   const char *message;
   uint32_t alt;
 };
-const Case kCases[] = {{"status_info", "ipc_shim_xcvr_status_info", 6}, {"envm_sensor_data", "ipc_shim_envm_sensor_data", 1}};
+const Case kCases[] = {{"status_info", "ipc_shim_xcvr_status_info", 6},
+                       {"envm_sensor_data", "ipc_shim_envm_sensor_data", 1}};
 
-const char *const kOps[] = {"body_marshal", "body_unmarshal", "msg_marshal", "msg_unmarshal", "msg_receive", "msg_create"};
+const char *const kOps[] = {"body_marshal",  "body_unmarshal", "msg_marshal",
+                            "msg_unmarshal", "msg_receive",    "msg_create"};
 
 void keep_handler(wex_handle *, uint32_t, uint64_t, void *, uint32_t *) {}
 
 // A filled message, its encoding and its body's encoding, on a handle of its own.
 class Subject {
  public:
-  Subject(const Case &c, bool tracking) : c_(c), m(bixtest::message(c.message)), tracking_(tracking) {
+  Subject(const Case &c, bool tracking)
+      : c_(c), m(bixtest::message(c.message)), tracking_(tracking) {
     profile_.tracking_mode = WEX_STTR_ON;
     h = wex_handle_new();
     h->sttr_profile = tracking ? &profile_ : nullptr;
@@ -58,7 +61,8 @@ class Subject {
     body_destroy = bixtest::op<DestroyFn>(body_type, "destroy");
     body_wire.resize(body_len(h, 0, body));
     uint32_t err = 0;
-    body_wire.resize(body_marshal_fn(h, 0, body_wire.data(), body, static_cast<int32_t>(body_wire.size()), &err));
+    body_wire.resize(body_marshal_fn(h, 0, body_wire.data(), body,
+                                     static_cast<int32_t>(body_wire.size()), &err));
     out.resize(std::max(wire.size(), body_wire.size()) + 8);
     if (err || wire.empty()) error = "cannot encode " + m.name;
   }
@@ -73,10 +77,12 @@ class Subject {
     *err = 0;
     if (op == "body_marshal")
       return body_marshal_fn(h, 0, out.data(), body, static_cast<int32_t>(body_wire.size()), err);
-    if (op == "msg_marshal") return m.marshal(h, 0, out.data(), msg, static_cast<int32_t>(wire.size()), err);
+    if (op == "msg_marshal")
+      return m.marshal(h, 0, out.data(), msg, static_cast<int32_t>(wire.size()), err);
     if (op == "body_unmarshal") {
       void *b = body_create(h, 0);
-      uint32_t n = body_unmarshal_fn(h, 0, body_wire.data(), b, static_cast<int32_t>(body_wire.size()), 0, err);
+      uint32_t n = body_unmarshal_fn(h, 0, body_wire.data(), b,
+                                     static_cast<int32_t>(body_wire.size()), 0, err);
       body_destroy(h, 0, b);
       return n;
     }
@@ -85,7 +91,8 @@ class Subject {
     if (op == "msg_unmarshal") {
       n = m.unmarshal_only(h, 0, &back, wire.data(), static_cast<int32_t>(wire.size()), err);
     } else if (op == "msg_receive") {
-      n = bix_ipc_shim_message_receive(h, 0, 0, &back, wire.data(), static_cast<int32_t>(wire.size()), keep_handler, err);
+      n = bix_ipc_shim_message_receive(h, 0, 0, &back, wire.data(),
+                                       static_cast<int32_t>(wire.size()), keep_handler, err);
     } else {
       back = m.create(h, 0);
       n = static_cast<uint32_t>(wire.size());
@@ -94,7 +101,9 @@ class Subject {
     return n;
   }
   // The size an operation handles: the body's encoding for body operations.
-  size_t bytes(const std::string &op) const { return op.starts_with("body") ? body_wire.size() : wire.size(); }
+  size_t bytes(const std::string &op) const {
+    return op.starts_with("body") ? body_wire.size() : wire.size();
+  }
 
   const Case &c_;
   const Msg &m;
@@ -106,8 +115,10 @@ class Subject {
 
  private:
   using LenFn = uint32_t (*)(wex_handle *, uint32_t, const void *);
-  using MarshalFn = uint32_t (*)(wex_handle *, uint32_t, uint8_t *, const void *, int32_t, uint32_t *);
-  using UnmarshalFn = uint32_t (*)(wex_handle *, uint32_t, const uint8_t *, void *, int32_t, uint32_t, uint32_t *);
+  using MarshalFn = uint32_t (*)(wex_handle *, uint32_t, uint8_t *, const void *, int32_t,
+                                 uint32_t *);
+  using UnmarshalFn = uint32_t (*)(wex_handle *, uint32_t, const uint8_t *, void *, int32_t,
+                                   uint32_t, uint32_t *);
   using CreateFn = void *(*)(wex_handle *, uint32_t);
   using DestroyFn = void (*)(wex_handle *, uint32_t, void *);
   std::string body_type;
@@ -141,12 +152,15 @@ class RatioReporter : public benchmark::ConsoleReporter {
       const double ns = r.GetAdjustedCPUTime();
       ns_[name] = ns;
       const std::string body = counterpart(name);
-      if (!body.empty() && ns_.count(body)) r.counters["x_body"] = benchmark::Counter(ns / ns_[body]);
+      if (!body.empty() && ns_.count(body))
+        r.counters["x_body"] = benchmark::Counter(ns / ns_[body]);
     }
     ConsoleReporter::ReportRuns(runs);
   }
   void Summary() const {
-    std::printf("\nMessage framing: CPU time per operation (ns) and over the same operation on the body alone.\n");
+    std::printf(
+        "\nMessage framing: CPU time per operation (ns) and over the same operation on the body "
+        "alone.\n");
     std::printf("%-34s %9s %9s %7s  %s\n", "operation", "ns/op", "body", "x_body", "target");
     for (const auto &[name, ns] : ns_) {
       const std::string body = counterpart(name);
@@ -164,21 +178,25 @@ class RatioReporter : public benchmark::ConsoleReporter {
     const size_t slash = name.rfind('/');
     const std::string op = name.substr(slash + 1);
     if (op == "msg_marshal") return name.substr(0, slash + 1) + "body_marshal";
-    if (op == "msg_unmarshal" || op == "msg_receive") return name.substr(0, slash + 1) + "body_unmarshal";
+    if (op == "msg_unmarshal" || op == "msg_receive")
+      return name.substr(0, slash + 1) + "body_unmarshal";
     return "";
   }
   std::map<std::string, double> ns_;
 };
 
-int count_mode(const std::string &op, const std::string &label, unsigned long iterations, bool tracking) {
+int count_mode(const std::string &op, const std::string &label, unsigned long iterations,
+               bool tracking) {
   for (const Case &c : kCases) {
     if (label != c.label && label != c.message) continue;
     Subject s(c, tracking);
     if (!s.error.empty()) return std::fprintf(stderr, "bench_messages: %s\n", s.error.c_str()), 1;
     uint32_t err = 0, n = s.run(op, &err);  // first use outside the counted difference
     for (unsigned long i = 0; i < iterations && !err; ++i) n = s.run(op, &err);
-    if (err || n != s.bytes(op)) return std::fprintf(stderr, "bench_messages: %s: err %u\n", op.c_str(), err), 1;
-    std::printf("%s %s %s bytes %zu\n", op.c_str(), c.label, tracking ? "sttr_on" : "sttr_off", s.bytes(op));
+    if (err || n != s.bytes(op))
+      return std::fprintf(stderr, "bench_messages: %s: err %u\n", op.c_str(), err), 1;
+    std::printf("%s %s %s bytes %zu\n", op.c_str(), c.label, tracking ? "sttr_on" : "sttr_off",
+                s.bytes(op));
     return 0;
   }
   return std::fprintf(stderr, "bench_messages: no case %s\n", label.c_str()), 2;
@@ -213,10 +231,12 @@ int main(int argc, char **argv) {
     for (const Case &c : kCases) {
       subjects.push_back(std::make_unique<Subject>(c, track));
       Subject *s = subjects.back().get();
-      if (!s->error.empty()) return std::fprintf(stderr, "bench_messages: %s\n", s->error.c_str()), 1;
+      if (!s->error.empty())
+        return std::fprintf(stderr, "bench_messages: %s\n", s->error.c_str()), 1;
       for (const char *op : kOps)
-        benchmark::RegisterBenchmark((std::string(c.label) + (track ? "/sttr_on/" : "/sttr_off/") + op).c_str(), bm_op, s,
-                                     std::string(op));
+        benchmark::RegisterBenchmark(
+            (std::string(c.label) + (track ? "/sttr_on/" : "/sttr_off/") + op).c_str(), bm_op, s,
+            std::string(op));
     }
   }
   RatioReporter reporter(isatty(STDOUT_FILENO) ? benchmark::ConsoleReporter::OO_ColorTabular

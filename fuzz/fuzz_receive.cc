@@ -68,7 +68,8 @@ uint8_t *guarded(uint32_t len) {
   static const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
   static const size_t room = 64 * 1024;
   static uint8_t *base = [] {
-    void *m = mmap(nullptr, room + page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    void *m =
+        mmap(nullptr, room + page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     if (m == MAP_FAILED) std::abort();
     mprotect(static_cast<uint8_t *>(m) + room, page, PROT_NONE);
     return static_cast<uint8_t *>(m);
@@ -126,9 +127,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   d.owns = opt & 0x10;
   void *out = &out;
   uint32_t err = 0;
-  const uint32_t used = bix_ipc_shim_message_receive(h, 0, reinterpret_cast<uintptr_t>(&d), d.owns ? nullptr : &out,
-                                                     input.get(), static_cast<int32_t>(len),
-                                                     (opt & 0x08) ? handler : nullptr, &err);
+  const uint32_t used = bix_ipc_shim_message_receive(
+      h, 0, reinterpret_cast<uintptr_t>(&d), d.owns ? nullptr : &out, input.get(),
+      static_cast<int32_t>(len), (opt & 0x08) ? handler : nullptr, &err);
   wexlib_msg_recorder_stop();
   c.fail_at = 0;
   const std::string what = "options " + std::to_string(opt);
@@ -143,7 +144,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (!d.owns) {
       require(out != nullptr, "a decoded message went missing", what);
       const bixtest::Msg &m = message_of(out);
-      require(std::memcmp(m.luid, input.get() + 27, 16) == 0, "the message does not match its LUID", m.name);
+      require(std::memcmp(m.luid, input.get() + 27, 16) == 0, "the message does not match its LUID",
+              m.name);
       std::vector<char> text(1 << 20);
       uint32_t e = 0;
       m.print(h, 0, text.data(), out, static_cast<uint32_t>(text.size()), &e);
@@ -153,13 +155,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
       const uint32_t need = m.len(h, 0, out);
       if (uint8_t *exact = guarded(need)) {
         e = 0;
-        require(m.marshal(h, 0, exact, out, static_cast<int32_t>(need), &e) <= need, "marshal wrote past len", m.name);
+        require(m.marshal(h, 0, exact, out, static_cast<int32_t>(need), &e) <= need,
+                "marshal wrote past len", m.name);
       }
       // Accepted, it decodes and encodes again to the same bytes.
       const std::vector<uint8_t> first = reencode(h, m, out);
       void *again = nullptr;
       e = 0;
-      require(m.unmarshal_only(h, 0, &again, first.data(), static_cast<int32_t>(first.size()), &e) == first.size() && !e,
+      require(m.unmarshal_only(h, 0, &again, first.data(), static_cast<int32_t>(first.size()),
+                               &e) == first.size() &&
+                  !e,
               "its own encoding does not decode", m.name);
       require(reencode(h, m, again) == first, "decode/encode is not stable", m.name);
       m.destroy(h, 0, again);
@@ -181,11 +186,14 @@ extern "C" int bixfuzz_make_seeds(const char *dir) {
     for (uint8_t sender = 0; sender < 2; ++sender, ++k) {
       bixtest::Handle h(sender ? WEX_STTR_ON : WEX_STTR_OFF);
       bixtest::Encoded e = bixtest::encode(h, m, k, 1 + k % 7);
-      std::vector<uint8_t> seed{static_cast<uint8_t>(k * 7 % 32), static_cast<uint8_t>(k % 3 == 0 ? k % 5 + 1 : 0)};
+      std::vector<uint8_t> seed{static_cast<uint8_t>(k * 7 % 32),
+                                static_cast<uint8_t>(k % 3 == 0 ? k % 5 + 1 : 0)};
       seed.insert(seed.end(), e.wire.begin(), e.wire.end());
       m.destroy(h, 0, e.msg);
-      std::ofstream(std::filesystem::path(dir) / (m.name + (sender ? "_tracked" : "")), std::ios::binary)
-          .write(reinterpret_cast<const char *>(seed.data()), static_cast<std::streamsize>(seed.size()));
+      std::ofstream(std::filesystem::path(dir) / (m.name + (sender ? "_tracked" : "")),
+                    std::ios::binary)
+          .write(reinterpret_cast<const char *>(seed.data()),
+                 static_cast<std::streamsize>(seed.size()));
     }
   }
   return 0;

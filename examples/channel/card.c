@@ -21,26 +21,74 @@ struct card {
 };
 
 struct module {
-  uint32_t type; /* wex_xcvr_type; 0: no module */
+  uint32_t type;      /* wex_xcvr_type; 0: no module */
   uint8_t identifier; /* SFF identifier byte */
   const char *vendor, *pn, *rev, *sn, *date, *name, *model;
   uint8_t oui[3];
   uint16_t wavelength_nm;
   uint8_t rate_100mb;
-  int16_t temp_256ths;   /* module temperature, 1/256 degC */
-  uint16_t vcc_100uv;    /* supply, 100 uV */
-  uint16_t bias_2ua;     /* laser bias, 2 uA */
+  int16_t temp_256ths;       /* module temperature, 1/256 degC */
+  uint16_t vcc_100uv;        /* supply, 100 uV */
+  uint16_t bias_2ua;         /* laser bias, 2 uA */
   uint16_t tx_01uw, rx_01uw; /* optical power, 0.1 uW */
   uint32_t lanes;
 };
 
 static const struct module kPorts[4] = {
-    {WEX_XCVR_TYPE_SFP, 0x03, "NORDLIGHT OPTICS", "NLO-SFP10G-SR", "A2", "NLO21480117", "210611  ",
-     "SFP-10G-SR", "NLO-10GSR-85", {0x00, 0x1b, 0x21}, 850, 103, 8653, 32900, 3400, 5754, 4898, 1},
-    {WEX_XCVR_TYPE_QSFP, 0x11, "KESTREL PHOTONIC", "KP-Q28-LR4-10", "03", "KPQ2204A0193", "220415  ",
-     "QSFP-100G-LR4", "KP-Q28LR4", {0x00, 0x0e, 0x7d}, 1310, 255, 10624, 32750, 3810, 8912, 7420, 4},
-    {WEX_XCVR_TYPE_VORN, 0x18, "ARGENT FIBERWORK", "AFW-VRN400-ZR", "B1", "AFW2309Z0042", "230227  ",
-     "VORN-400G-ZR", "AFW-400ZR-C", {0x00, 0x25, 0x9e}, 1550, 255, 13376, 33010, 0, 9120, 6310, 8},
+    {WEX_XCVR_TYPE_SFP,
+     0x03,
+     "NORDLIGHT OPTICS",
+     "NLO-SFP10G-SR",
+     "A2",
+     "NLO21480117",
+     "210611  ",
+     "SFP-10G-SR",
+     "NLO-10GSR-85",
+     {0x00, 0x1b, 0x21},
+     850,
+     103,
+     8653,
+     32900,
+     3400,
+     5754,
+     4898,
+     1},
+    {WEX_XCVR_TYPE_QSFP,
+     0x11,
+     "KESTREL PHOTONIC",
+     "KP-Q28-LR4-10",
+     "03",
+     "KPQ2204A0193",
+     "220415  ",
+     "QSFP-100G-LR4",
+     "KP-Q28LR4",
+     {0x00, 0x0e, 0x7d},
+     1310,
+     255,
+     10624,
+     32750,
+     3810,
+     8912,
+     7420,
+     4},
+    {WEX_XCVR_TYPE_VORN,
+     0x18,
+     "ARGENT FIBERWORK",
+     "AFW-VRN400-ZR",
+     "B1",
+     "AFW2309Z0042",
+     "230227  ",
+     "VORN-400G-ZR",
+     "AFW-400ZR-C",
+     {0x00, 0x25, 0x9e},
+     1550,
+     255,
+     13376,
+     33010,
+     0,
+     9120,
+     6310,
+     8},
     {0},
 };
 
@@ -53,9 +101,9 @@ static void id_page(const struct module *m, uint8_t *p, size_t n) {
   p[1] = 0x04;
   p[2] = m->identifier == 0x03 ? 0x07 : 0x0c; /* LC / MPO */
   p[12] = m->rate_100mb;
-#define PUT(off, len, text)                                            \
-  do {                                                                 \
-    memset(p + (off), ' ', (len));                                     \
+#define PUT(off, len, text)                                                 \
+  do {                                                                      \
+    memset(p + (off), ' ', (len));                                          \
     memcpy(p + (off), (text), strlen(text) < (len) ? strlen(text) : (len)); \
   } while (0)
   PUT(20, 16, m->vendor);
@@ -77,14 +125,19 @@ static void id_page(const struct module *m, uint8_t *p, size_t n) {
   p[95] = sum;
 }
 
-static void module_info(wex_handle *h, wex_xcvr_info *info, const struct module *m, uint32_t port, uint32_t *err) {
+static void module_info(wex_handle *h, wex_xcvr_info *info, const struct module *m, uint32_t port,
+                        uint32_t *err) {
   char ifname[33];
   snprintf(ifname, sizeof ifname, "HundredGigE0/1/%u", port);
   if (!m->type) return;
   wex_xcvr_info_info_valid_set_value(h, 0, info, 1, err);
   wex_xcvr_info_security_pass_set_value(h, 0, info, 1, err);
   wex_xcvr_info_dev_state_set_value(h, 0, info, 3, err); /* enabled */
-  wex_xcvr_info_supportedRates_set_value(h, 0, info, m->rate_100mb == 103 ? 10000 : m->lanes > 4 ? 400000 : 100000, err);
+  wex_xcvr_info_supportedRates_set_value(h, 0, info,
+                                         m->rate_100mb == 103 ? 10000
+                                         : m->lanes > 4       ? 400000
+                                                              : 100000,
+                                         err);
   wex_xcvr_info_optics_type_set_value(h, 0, info, m->identifier, err);
   wex_xcvr_info_xcvr_type_set_value(h, 0, info, m->type, err);
   CHANNEL_SET_TEXT(h, wex_xcvr_info_dev_if_name_set_mem, info, 33, ifname, err);
@@ -106,7 +159,8 @@ static void module_info(wex_handle *h, wex_xcvr_info *info, const struct module 
 }
 
 /* Readings for each kind of module, in the units of its management interface. */
-static void sensors(wex_handle *h, wex_xcvr_status_info *st, const struct module *m, uint32_t *err) {
+static void sensors(wex_handle *h, wex_xcvr_status_info *st, const struct module *m,
+                    uint32_t *err) {
   switch (m->type) {
     case WEX_XCVR_TYPE_SFP: {
       wex_sfp_env_mon *s = wex_sfp_env_mon_create(h, 0);
@@ -205,24 +259,29 @@ static uint32_t transaction_of(wex_handle *h, wex_ipc_shim_hdr *hdr) {
   return wex_ipc_shim_hdr_transaction_id_get_value(h, 0, hdr, &err);
 }
 
-#define ANSWER_HEADERS(h, card, answer, req, err)                                                    \
-  channel_set_headers((h), (answer)->app_sess_hdr, (answer)->wex_ipc_shim_hdr, CHANNEL_CARD_ADDR,   \
-                      CHANNEL_HOST_ADDR, ++(card)->seq, transaction_of((h), (req)->wex_ipc_shim_hdr), (err))
+#define ANSWER_HEADERS(h, card, answer, req, err)                                                 \
+  channel_set_headers((h), (answer)->app_sess_hdr, (answer)->wex_ipc_shim_hdr, CHANNEL_CARD_ADDR, \
+                      CHANNEL_HOST_ADDR, ++(card)->seq,                                           \
+                      transaction_of((h), (req)->wex_ipc_shim_hdr), (err))
 
-void bix_ipc_shim_ipc_shim_xcvr_rpc_req_message_handler(wex_handle *h, uint32_t ws, uint64_t context, void *message,
+void bix_ipc_shim_ipc_shim_xcvr_rpc_req_message_handler(wex_handle *h, uint32_t ws,
+                                                        uint64_t context, void *message,
                                                         uint32_t *err) {
   struct card *card = (struct card *)(uintptr_t)context;
   ipc_shim_xcvr_rpc_req_message *req = message;
   const uint32_t port = wex_xcvr_rpc_req_port_num_get_value(h, ws, req->wex_xcvr_rpc_req, err);
   const uint32_t opcode = wex_xcvr_rpc_req_opcode_get_value(h, ws, req->wex_xcvr_rpc_req, err);
   const struct module *m = port < 4 ? &kPorts[port] : &kPorts[3];
-  const uint32_t rc = port >= 4 ? WEX_XCVR_RPC_INVALID_PORT_NUM_RC : m->type ? WEX_XCVR_SUCCESS_RC : WEX_XCVR_RPC_NO_XCVR_RC;
+  const uint32_t rc = port >= 4 ? WEX_XCVR_RPC_INVALID_PORT_NUM_RC
+                      : m->type ? WEX_XCVR_SUCCESS_RC
+                                : WEX_XCVR_RPC_NO_XCVR_RC;
   int sent = -1;
   if (opcode == WEX_XCVR_GET_PRESENCE_RPC_OC) {
     ipc_shim_xcvr_presence_info_message *a = ipc_shim_xcvr_presence_info_message_create(h, ws);
     ANSWER_HEADERS(h, card, a, req, err);
     wex_xcvr_presence_info_rc_set_value(h, ws, a->wex_xcvr_presence_info, WEX_XCVR_SUCCESS_RC, err);
-    wex_xcvr_presence_info_is_present_set_value(h, ws, a->wex_xcvr_presence_info, m->type != 0, err);
+    wex_xcvr_presence_info_is_present_set_value(h, ws, a->wex_xcvr_presence_info, m->type != 0,
+                                                err);
     CHANNEL_SEND(sent, card->fd, h, a, ipc_shim_xcvr_presence_info);
     ipc_shim_xcvr_presence_info_message_destroy(h, ws, a);
   } else if (opcode == WEX_XCVR_GET_STATUS_RPC_OC) {
@@ -231,8 +290,10 @@ void bix_ipc_shim_ipc_shim_xcvr_rpc_req_message_handler(wex_handle *h, uint32_t 
     ANSWER_HEADERS(h, card, a, req, err);
     wex_xcvr_status_info_rc_set_value(h, ws, st, rc, err);
     module_info(h, wex_xcvr_status_info_info_get(h, ws, st, err), m, port, err);
-    wex_xcvr_status_info_status_bm_set_value(h, ws, st, m->type ? 1u << WEX_XCVR_STATUS_BM_PRESENT : 0, err);
-    wex_xcvr_status_info_xcvr_type_set_value(h, ws, st, m->type ? m->type : WEX_XCVR_TYPE_NOSFP, err);
+    wex_xcvr_status_info_status_bm_set_value(h, ws, st,
+                                             m->type ? 1u << WEX_XCVR_STATUS_BM_PRESENT : 0, err);
+    wex_xcvr_status_info_xcvr_type_set_value(h, ws, st, m->type ? m->type : WEX_XCVR_TYPE_NOSFP,
+                                             err);
     sensors(h, st, m, err);
     CHANNEL_SEND(sent, card->fd, h, a, ipc_shim_xcvr_status_info);
     ipc_shim_xcvr_status_info_message_destroy(h, ws, a);
@@ -242,7 +303,8 @@ void bix_ipc_shim_ipc_shim_xcvr_rpc_req_message_handler(wex_handle *h, uint32_t 
     ANSWER_HEADERS(h, card, a, req, err);
     wex_xcvr_idprom_info_rc_set_value(h, ws, ip, rc, err);
     module_info(h, wex_xcvr_idprom_info_info_get(h, ws, ip, err), m, port, err);
-    wex_xcvr_idprom_info_xcvr_type_set_value(h, ws, ip, m->type ? m->type : WEX_XCVR_TYPE_NOSFP, err);
+    wex_xcvr_idprom_info_xcvr_type_set_value(h, ws, ip, m->type ? m->type : WEX_XCVR_TYPE_NOSFP,
+                                             err);
     idprom(h, ip, m, err);
     CHANNEL_SEND(sent, card->fd, h, a, ipc_shim_xcvr_idprom_info);
     ipc_shim_xcvr_idprom_info_message_destroy(h, ws, a);
@@ -255,19 +317,24 @@ void bix_ipc_shim_ipc_shim_xcvr_rpc_req_message_handler(wex_handle *h, uint32_t 
  * input power (W). */
 static const struct {
   int8_t low, warn, crit, shut, now;
-} kTemps[] = {{-5, 45, 55, 65, 29}, {-5, 60, 70, 80, 37}, {0, 95, 105, 110, 58}, {-5, 70, 75, 85, 44}};
-static const int16_t kRails[][2] = {{12000, 11988}, {3300, 3309}, {1800, 1797}, {1000, 1002}, {850, 851}};
+} kTemps[] = {
+    {-5, 45, 55, 65, 29}, {-5, 60, 70, 80, 37}, {0, 95, 105, 110, 58}, {-5, 70, 75, 85, 44}};
+static const int16_t kRails[][2] = {
+    {12000, 11988}, {3300, 3309}, {1800, 1797}, {1000, 1002}, {850, 851}};
 
-void bix_ipc_shim_ipc_shim_envm_rpc_req_message_handler(wex_handle *h, uint32_t ws, uint64_t context, void *message,
+void bix_ipc_shim_ipc_shim_envm_rpc_req_message_handler(wex_handle *h, uint32_t ws,
+                                                        uint64_t context, void *message,
                                                         uint32_t *err) {
   struct card *card = (struct card *)(uintptr_t)context;
   ipc_shim_envm_rpc_req_message *req = message;
   ipc_shim_envm_sensor_data_message *a = ipc_shim_envm_sensor_data_message_create(h, ws);
   ANSWER_HEADERS(h, card, a, req, err);
   wex_bix_envm_sensor_data *data = a->wex_bix_envm_sensor_data;
-  const uint32_t query = wex_bix_envm_rpc_req_message_type_get_value(h, ws, req->wex_bix_envm_rpc_req, err);
-  wex_bix_envm_sensor_data_result_set_value(h, ws, data,
-                                            query == WEX_BIX_ENV_QUERY_SENSORS ? WEX_BIX_ENV_SUCCESS : WEX_BIX_ENV_FAILURE, err);
+  const uint32_t query =
+      wex_bix_envm_rpc_req_message_type_get_value(h, ws, req->wex_bix_envm_rpc_req, err);
+  wex_bix_envm_sensor_data_result_set_value(
+      h, ws, data, query == WEX_BIX_ENV_QUERY_SENSORS ? WEX_BIX_ENV_SUCCESS : WEX_BIX_ENV_FAILURE,
+      err);
   wex_bix_env_sensor_table *t = wex_bix_envm_sensor_data_table_get(h, ws, data, err);
   wex_bix_env_sensor_table_num_temp_sensors_set_value(h, ws, t, 4, err);
   for (uint32_t i = 0; i < 4; ++i) {
@@ -303,7 +370,8 @@ void bix_ipc_shim_ipc_shim_envm_rpc_req_message_handler(wex_handle *h, uint32_t 
   ipc_shim_envm_rpc_req_message_destroy(h, ws, req);
 }
 
-void bix_ipc_shim_ipc_shim_mgmt_rpc_req_message_handler(wex_handle *h, uint32_t ws, uint64_t context, void *message,
+void bix_ipc_shim_ipc_shim_mgmt_rpc_req_message_handler(wex_handle *h, uint32_t ws,
+                                                        uint64_t context, void *message,
                                                         uint32_t *err) {
   struct card *card = (struct card *)(uintptr_t)context;
   ipc_shim_mgmt_rpc_req_message *req = message;
@@ -321,7 +389,8 @@ void bix_ipc_shim_ipc_shim_mgmt_rpc_req_message_handler(wex_handle *h, uint32_t 
   wex_bix_plugin_card_info_ConfigRegNext_set_value(h, ws, c, 0x2102, err);
   CHANNEL_SET_TEXT(h, wex_bix_plugin_card_info_SysBootImageList_set_mem, c, 256,
                    "bootflash:pa-4x-carrier.1.4.2.SPA.bin,1;", err);
-  CHANNEL_SET_TEXT(h, wex_bix_plugin_card_info_bixFwVersion_set_mem, c, 36, "1.4.2 (build 5107)", err);
+  CHANNEL_SET_TEXT(h, wex_bix_plugin_card_info_bixFwVersion_set_mem, c, 36, "1.4.2 (build 5107)",
+                   err);
   CHANNEL_SET_TEXT(h, wex_bix_plugin_card_info_bixSwVersion_set_mem, c, 36, "17.9.3a", err);
   int sent = -1;
   CHANNEL_SEND(sent, card->fd, h, a, ipc_shim_mgmt_rpc_reply);
@@ -344,7 +413,8 @@ int main(int argc, char **argv) {
   while ((n = channel_recv(card.fd, &frame)) > 0) {
     uint32_t err = 0;
     /* No handler passed: each request goes to this program's handler of its kind. */
-    bix_ipc_shim_message_receive(h, 0, (uint64_t)(uintptr_t)&card, NULL, frame, (int32_t)n, NULL, &err);
+    bix_ipc_shim_message_receive(h, 0, (uint64_t)(uintptr_t)&card, NULL, frame, (int32_t)n, NULL,
+                                 &err);
     free(frame);
     if (err) {
       fprintf(stderr, "card: a request was refused with error %u\n", err);

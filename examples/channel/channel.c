@@ -30,7 +30,8 @@ static int read_all(int fd, uint8_t *p, size_t n) {
 }
 
 int channel_send(int fd, const uint8_t *frame, uint32_t len) {
-  const uint8_t prefix[4] = {(uint8_t)(len >> 24), (uint8_t)(len >> 16), (uint8_t)(len >> 8), (uint8_t)len};
+  const uint8_t prefix[4] = {(uint8_t)(len >> 24), (uint8_t)(len >> 16), (uint8_t)(len >> 8),
+                             (uint8_t)len};
   return write_all(fd, prefix, 4) || write_all(fd, frame, len) ? -1 : 0;
 }
 
@@ -38,7 +39,8 @@ int64_t channel_recv(int fd, uint8_t **frame) {
   uint8_t prefix[4];
   int r = read_all(fd, prefix, 4);
   if (r <= 0) return r;
-  uint32_t len = (uint32_t)prefix[0] << 24 | (uint32_t)prefix[1] << 16 | (uint32_t)prefix[2] << 8 | prefix[3];
+  uint32_t len =
+      (uint32_t)prefix[0] << 24 | (uint32_t)prefix[1] << 16 | (uint32_t)prefix[2] << 8 | prefix[3];
   if (len == 0 || len > CHANNEL_MAX_FRAME || !(*frame = malloc(len))) return -1;
   if (read_all(fd, *frame, len) != 1) {
     free(*frame);

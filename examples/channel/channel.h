@@ -28,23 +28,22 @@ void channel_set_headers(wex_handle *h, app_sess_hdr *session, wex_ipc_shim_hdr 
 
 /* Copies a text into a byte array of `cap` bytes, zero-padded (no terminator is kept
  * when it fills the array). setter is the array's _set_mem accessor. */
-#define CHANNEL_SET_TEXT(h, setter, inst, cap, text, err)               \
-  do {                                                                  \
-    uint8_t text_buf_[cap] = {0};                                       \
-    const char *text_src_ = (text);                                     \
-    for (size_t i_ = 0; i_ < (cap) && text_src_[i_]; ++i_)              \
-      text_buf_[i_] = (uint8_t)text_src_[i_];                           \
-    setter((h), 0, (inst), (const void *)text_buf_, (int32_t)(cap), (err)); \
+#define CHANNEL_SET_TEXT(h, setter, inst, cap, text, err)                                          \
+  do {                                                                                             \
+    uint8_t text_buf_[cap] = {0};                                                                  \
+    const char *text_src_ = (text);                                                                \
+    for (size_t i_ = 0; i_ < (cap) && text_src_[i_]; ++i_) text_buf_[i_] = (uint8_t)text_src_[i_]; \
+    setter((h), 0, (inst), (const void *)text_buf_, (int32_t)(cap), (err));                        \
   } while (0)
 
 /* Encodes msg, a NAME message, and sends it as one frame; rc becomes 0 on success. */
-#define CHANNEL_SEND(rc, fd, h, msg, NAME)                                                  \
-  do {                                                                                      \
-    uint32_t need_ = NAME##_message_len((h), 0, (msg)), err_ = 0;                           \
-    uint8_t *buf_ = (uint8_t *)malloc(need_);                                               \
+#define CHANNEL_SEND(rc, fd, h, msg, NAME)                                                       \
+  do {                                                                                           \
+    uint32_t need_ = NAME##_message_len((h), 0, (msg)), err_ = 0;                                \
+    uint8_t *buf_ = (uint8_t *)malloc(need_);                                                    \
     uint32_t n_ = buf_ ? NAME##_message_marshal((h), 0, buf_, (msg), (int32_t)need_, &err_) : 0; \
-    (rc) = (!buf_ || err_) ? -1 : channel_send((fd), buf_, n_);                             \
-    free(buf_);                                                                             \
+    (rc) = (!buf_ || err_) ? -1 : channel_send((fd), buf_, n_);                                  \
+    free(buf_);                                                                                  \
   } while (0)
 
 #endif

@@ -13,11 +13,12 @@ namespace {
 
 // The session header is the session-header library's record; this describes it just far
 // enough for the instance checks.
-const TypeDesc kSessionHeader = {.name = "app_sess_hdr",
-                                 .kind = TypeKind::Record,
-                                 .tinfo = &_app_sess_hdr_type_info_internal};
+const TypeDesc kSessionHeader = {
+    .name = "app_sess_hdr", .kind = TypeKind::Record, .tinfo = &_app_sess_hdr_type_info_internal};
 
-const TypeDesc &member_type(const MemberDesc &m) { return m.type ? *m.type : kSessionHeader; }
+const TypeDesc &member_type(const MemberDesc &m) {
+  return m.type ? *m.type : kSessionHeader;
+}
 
 void *create_member(const MemberDesc &m, wex_handle *h, uint32_t ws) {
   return m.type ? instance_create(*m.type, h, ws) : app_sess_hdr_create(h, ws);
@@ -35,7 +36,8 @@ void **slot_of(const TypeDesc &d, void *msg, uint32_t m) {
 }
 
 // Announced store of a member reference.
-void store_slot(const TypeDesc &d, wex_handle *h, uint32_t ws, void *msg, uint32_t m, void *member) {
+void store_slot(const TypeDesc &d, wex_handle *h, uint32_t ws, void *msg, uint32_t m,
+                void *member) {
   void **slot = slot_of(d, msg, m);
   notify(h, ws, slot, sizeof *slot);
   std::memcpy(slot, &member, sizeof member);
@@ -69,8 +71,9 @@ void count(wex_handle *h, uint32_t ws, const wex_type_info *t, bool destroyed) {
 // pointer, counters, variant, header record, tracking flag.
 void *finish_create(const TypeDesc &d, wex_handle *h, uint32_t ws, void *msg) {
   uint8_t *b = bytes(msg);
-  wex_type_info *t =
-      h->types_indirect ? wex_type_info_ptr_get(h, ws, d.tinfo, bix_ipc_shim_typeinfo_initialize) : d.tinfo;
+  wex_type_info *t = h->types_indirect
+                         ? wex_type_info_ptr_get(h, ws, d.tinfo, bix_ipc_shim_typeinfo_initialize)
+                         : d.tinfo;
   void **type_slot = reinterpret_cast<void **>(wex_get_manifested_type_info_ptr_mem(msg));
   notify(h, ws, type_slot, sizeof *type_slot);
   *type_slot = t;
@@ -117,7 +120,8 @@ void *message_create(const TypeDesc &d, wex_handle *h, uint32_t ws) {
     void *member = create_member(d.members[m], h, ws);
     if (!member) {
       if (shared) return nullptr;
-      for (uint32_t k = 0; k < m; ++k) destroy_member(d.members[k], h, ws, message_member(d, holder, k));
+      for (uint32_t k = 0; k < m; ++k)
+        destroy_member(d.members[k], h, ws, message_member(d, holder, k));
       h->release(h->alloc_ctx, ws, holder);
       return nullptr;
     }
@@ -222,8 +226,8 @@ void message_member_set(const TypeDesc &d, uint32_t m, wex_handle *h, uint32_t w
 BIX_EXPORT app_sess_bundle_handler_fn bix_ipc_shim_bundle_registered_handler;
 app_sess_bundle_handler_fn bix_ipc_shim_bundle_registered_handler = nullptr;
 
-BIX_EXPORT app_sess_bundle_handler_fn bix_ipc_shim_bundle_handler_register(app_sess_bundle_handler_fn handler,
-                                                                           void *ctx) {
+BIX_EXPORT app_sess_bundle_handler_fn
+bix_ipc_shim_bundle_handler_register(app_sess_bundle_handler_fn handler, void *ctx) {
   app_sess_bundle_handler_fn before = bix_ipc_shim_bundle_registered_handler;
   bix_ipc_shim_bundle_registered_handler = handler;
   app_sess_bundle_handler_register(handler, ctx);

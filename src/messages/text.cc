@@ -11,7 +11,9 @@ namespace bix {
 
 namespace {
 
-const char *error_text(uint32_t code) { return std::strerror(static_cast<int>(code)); }
+const char *error_text(uint32_t code) {
+  return std::strerror(static_cast<int>(code));
+}
 
 // Empty member slots (a shallow or detached message) are left out of both forms.
 int32_t print_member(const MemberDesc &m, wex_handle *h, uint32_t ws, char *buf, const void *inst,
@@ -55,7 +57,8 @@ int32_t message_print(const TypeDesc &d, wex_handle *h, uint32_t ws, char *buf, 
       store_err(h, err, 90);
       break;
     }
-    n += static_cast<uint32_t>(print_member(d.members[m], h, ws, buf + n, message_member(d, msg, m), len - n, err));
+    n += static_cast<uint32_t>(
+        print_member(d.members[m], h, ws, buf + n, message_member(d, msg, m), len - n, err));
   }
   n += static_cast<uint32_t>(wex_print_space(h, ws, buf + n, 0, room(), err));
   n += static_cast<uint32_t>(wex_snprintf(h, ws, buf + n, room(), err, "%s", "}\n"));
@@ -76,9 +79,11 @@ int32_t message_to_xml(const TypeDesc &d, wex_handle *h, uint32_t ws, char *buf,
     return 0;
   }
   if (len > INT32_MAX) len = INT32_MAX;
-  uint32_t n = static_cast<uint32_t>(start_tag(h, ws, buf, d.name, static_cast<int32_t>(len), 0, err));
+  uint32_t n =
+      static_cast<uint32_t>(start_tag(h, ws, buf, d.name, static_cast<int32_t>(len), 0, err));
   for (uint32_t m = 0; m < d.nmembers && !*err; ++m)
-    n += static_cast<uint32_t>(member_to_xml(d.members[m], h, ws, buf + n, message_member(d, msg, m), len - n, err));
+    n += static_cast<uint32_t>(
+        member_to_xml(d.members[m], h, ws, buf + n, message_member(d, msg, m), len - n, err));
   n += static_cast<uint32_t>(end_tag(h, ws, buf + n, d.name, static_cast<int32_t>(len - n), err));
   return static_cast<int32_t>(n);
 }

@@ -23,9 +23,13 @@ constexpr int32_t kLuidEnd = kHeaderSize + 16;
 constexpr uint32_t kRecordSize = 4096;
 constexpr uint32_t kRecordMax = 1u << 20;
 
-const char *error_text(uint32_t code) { return std::strerror(static_cast<int>(code)); }
+const char *error_text(uint32_t code) {
+  return std::strerror(static_cast<int>(code));
+}
 
-uint8_t *header_record(void *msg) { return bytes(msg) + kMsgHeaderRecord; }
+uint8_t *header_record(void *msg) {
+  return bytes(msg) + kMsgHeaderRecord;
+}
 
 uint32_t member_len(const MemberDesc &m, wex_handle *h, uint32_t ws, const void *inst) {
   if (!inst) return 0;
@@ -141,7 +145,8 @@ void record(const TypeDesc &d, wex_handle *h, uint32_t ws, const void *msg) {
 uint32_t message_len(const TypeDesc &d, wex_handle *h, uint32_t ws, const void *msg) {
   if (!msg || foreign_instance(d, msg)) return 0;
   uint32_t n = static_cast<uint32_t>(kLuidEnd);
-  for (uint32_t m = 0; m < d.nmembers; ++m) n += member_len(d.members[m], h, ws, message_member(d, msg, m));
+  for (uint32_t m = 0; m < d.nmembers; ++m)
+    n += member_len(d.members[m], h, ws, message_member(d, msg, m));
   return n;
 }
 

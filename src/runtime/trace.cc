@@ -92,10 +92,12 @@ uint16_t module_id() {
 uint32_t idx(Tm id) { return static_cast<uint32_t>(id); }
 uint32_t idx(Ts id) { return static_cast<uint32_t>(id); }
 uint32_t idx(const TypeDesc &msg, Te id) {
-  return static_cast<uint32_t>(Ts::kSharedCount) + msg.msg_index * static_cast<uint32_t>(Te::kRunLength) +
-         static_cast<uint32_t>(id);
+  return static_cast<uint32_t>(Ts::kSharedCount) +
+         msg.msg_index * static_cast<uint32_t>(Te::kRunLength) + static_cast<uint32_t>(id);
 }
-uint32_t stub_level(uint32_t i) { return i < std::size(kStubLevels) ? kStubLevels[i] : LUMO_LEVEL_ERROR; }
+uint32_t stub_level(uint32_t i) {
+  return i < std::size(kStubLevels) ? kStubLevels[i] : LUMO_LEVEL_ERROR;
+}
 
 }  // namespace
 

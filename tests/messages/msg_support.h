@@ -35,8 +35,8 @@ struct Msg {
   uint32_t (*marshal)(wex_handle *, uint32_t, uint8_t *, void *, int32_t, uint32_t *);
   uint32_t (*marshal_cr)(wex_handle *, void *, uint8_t *, int32_t);
   uint32_t (*unmarshal_only)(wex_handle *, uint32_t, void **, const uint8_t *, int32_t, uint32_t *);
-  uint32_t (*unmarshal)(wex_handle *, uint32_t, uint64_t, void **, const uint8_t *, int32_t, MsgHandler,
-                        uint32_t *);
+  uint32_t (*unmarshal)(wex_handle *, uint32_t, uint64_t, void **, const uint8_t *, int32_t,
+                        MsgHandler, uint32_t *);
   int32_t (*print)(wex_handle *, uint32_t, char *, const void *, uint32_t, uint32_t *);
   int32_t (*print_cr)(wex_handle *, const void *, char *, uint32_t);
   int32_t (*to_xml)(wex_handle *, uint32_t, char *, const void *, uint32_t, uint32_t *);
@@ -47,7 +47,8 @@ struct Msg {
     return op<Fn>(name + "_message_" + members[m].name, suffix);
   }
   void *get(wex_handle *h, void *msg, size_t m, uint32_t *err) const {
-    return member_op<void *(*)(wex_handle *, uint32_t, void *, uint32_t *)>(m, "get")(h, 0, msg, err);
+    return member_op<void *(*)(wex_handle *, uint32_t, void *, uint32_t *)>(m, "get")(h, 0, msg,
+                                                                                      err);
   }
   const Member *body() const { return &members.back(); }
 };
@@ -61,8 +62,10 @@ inline const std::vector<Msg> &messages() {
       for (const auto &mem : bixfacts::kMembers)
         if (m.name == mem.message) m.members.push_back({mem.name, mem.type, mem.offset});
       const std::string p = m.name + "_message";
-      m.luid = static_cast<const uint8_t *>(dlsym(RTLD_DEFAULT, ("message_" + m.name + "_luid").c_str()));
-      m.luid_text = static_cast<const char *>(dlsym(RTLD_DEFAULT, ("message_" + m.name + "_luid_text").c_str()));
+      m.luid = static_cast<const uint8_t *>(
+          dlsym(RTLD_DEFAULT, ("message_" + m.name + "_luid").c_str()));
+      m.luid_text = static_cast<const char *>(
+          dlsym(RTLD_DEFAULT, ("message_" + m.name + "_luid_text").c_str()));
       m.create = op<decltype(m.create)>(p, "create");
       m.create_cr = op<decltype(m.create_cr)>(p, "create_cr");
       m.create_shallow = op<decltype(m.create_shallow)>(p, "create_shallow");

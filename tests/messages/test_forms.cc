@@ -11,8 +11,9 @@ uint64_t g_app_context = 0;
 
 // The application's handler of one message, found by the library through its weak
 // reference; the other ten messages have none in this program.
-extern "C" void bix_ipc_shim_ipc_shim_xcvr_presence_info_message_handler(wex_handle *, uint32_t, uint64_t context,
-                                                                         void *, uint32_t *) {
+extern "C" void bix_ipc_shim_ipc_shim_xcvr_presence_info_message_handler(wex_handle *, uint32_t,
+                                                                         uint64_t context, void *,
+                                                                         uint32_t *) {
   ++g_app_calls;
   g_app_context = context;
 }
@@ -60,7 +61,8 @@ const char kPresenceText[] =
 
 const char kPresenceXml[] =
     "<ipc_shim_xcvr_presence_info>\n"
-    "<app_sess_hdr>\n<session_id>7</session_id>\n<seq_num>9</seq_num>\n<flags>1</flags>\n</app_sess_hdr>\n"
+    "<app_sess_hdr>\n<session_id>7</session_id>\n<seq_num>9</seq_num>\n<flags>1</flags>\n</"
+    "app_sess_hdr>\n"
     "<wex_ipc_shim_hdr>\n<version>1</version>\n<private_flags>0</private_flags>\n"
     "<exported_flags>0</exported_flags>\n<src_addr>3</src_addr>\n<dst_addr>4</dst_addr>\n"
     "<appl_data_size>0</appl_data_size>\n<transaction_id>42</transaction_id>\n</wex_ipc_shim_hdr>\n"
@@ -112,9 +114,14 @@ TEST(MessageForms, ErrorsBetweenMembersBecome90) {
   void *doc = wex_xml_doc_parse(kPresenceXml, sizeof kPresenceXml - 1);
   EXPECT_EQ(m.from_xml(h, 0, doc, &err, buf, sizeof buf), nullptr);
   const std::string why = std::strerror(5);
-  EXPECT_TRUE(t.has(LUMO_LEVEL_DEBUG, "Already have error when printing ipc_shim_xcvr_presence_info: " + why));
-  EXPECT_TRUE(t.has(LUMO_LEVEL_DEBUG, "Already have error when rendering XML for ipc_shim_xcvr_presence_info: " + why));
-  EXPECT_TRUE(t.has(LUMO_LEVEL_DEBUG, "Already have error when rendering ipc_shim_xcvr_presence_info to XML: " + why));
+  EXPECT_TRUE(t.has(LUMO_LEVEL_DEBUG,
+                    "Already have error when printing ipc_shim_xcvr_presence_info: " + why));
+  EXPECT_TRUE(
+      t.has(LUMO_LEVEL_DEBUG,
+            "Already have error when rendering XML for ipc_shim_xcvr_presence_info: " + why));
+  EXPECT_TRUE(
+      t.has(LUMO_LEVEL_DEBUG,
+            "Already have error when rendering ipc_shim_xcvr_presence_info to XML: " + why));
   wex_xml_doc_free(doc);
   m.destroy(h, 0, msg);
 }
@@ -162,7 +169,8 @@ TEST(MessageForms, FromXmlWithoutAChannelHeaderStillFillsTheBody) {
   Handle h;
   void *msg = presence(h);
   std::string xml = kPresenceXml;
-  xml.erase(xml.find("<wex_ipc_shim_hdr>"), xml.find("<wex_xcvr_presence_info>") - xml.find("<wex_ipc_shim_hdr>"));
+  xml.erase(xml.find("<wex_ipc_shim_hdr>"),
+            xml.find("<wex_xcvr_presence_info>") - xml.find("<wex_ipc_shim_hdr>"));
   void *doc = wex_xml_doc_parse(xml.data(), xml.size());
   uint32_t err = 0;
   char why[128];
@@ -170,7 +178,8 @@ TEST(MessageForms, FromXmlWithoutAChannelHeaderStillFillsTheBody) {
   ASSERT_TRUE(back);
   EXPECT_EQ(err, 0u);
   std::string want = kPresenceText;
-  for (const char *f : {"version@u_int16:1", "src_addr@u_int32:3", "dst_addr@u_int32:4", "transaction_id@u_int32:42"}) {
+  for (const char *f : {"version@u_int16:1", "src_addr@u_int32:3", "dst_addr@u_int32:4",
+                        "transaction_id@u_int32:42"}) {
     std::string zero = f;
     zero.replace(zero.find(':') + 1, std::string::npos, "0");
     want.replace(want.find(f), std::strlen(f), zero);
@@ -226,13 +235,15 @@ TEST(MessageForms, EveryReceivedMessageIsRecordedBeforeItsHandlerRuns) {
     Encoded e = encode(h, m, 13, 4);
     void *out = nullptr;
     uint32_t err = 0;
-    m.unmarshal(h, 0, 0, &out, e.wire.data(), static_cast<int32_t>(e.wire.size()), recording_handler, &err);
+    m.unmarshal(h, 0, 0, &out, e.wire.data(), static_cast<int32_t>(e.wire.size()),
+                recording_handler, &err);
     EXPECT_EQ(err, 99u);
     // One record: a time-stamped element around the message's XML, however large.
     const std::string text = g_seen_by_handler.substr(all.size());
     const std::string open = "<bix_ipc_shim timestamp=\"";
     ASSERT_EQ(text.substr(0, open.size()), open) << m.name;
-    EXPECT_EQ(text.substr(text.find(">\n") + 2), xml_text(h, m, out) + "</bix_ipc_shim>\n") << m.name;
+    EXPECT_EQ(text.substr(text.find(">\n") + 2), xml_text(h, m, out) + "</bix_ipc_shim>\n")
+        << m.name;
     all = g_seen_by_handler;
     m.destroy(h, 0, out);
     m.destroy(h, 0, e.msg);
@@ -248,16 +259,20 @@ TEST(MessageForms, RecordingWithoutAStreamOnlyTraces) {
   wexlib_msg_recorder_start(nullptr);
   void *out = nullptr;
   uint32_t err = 0;
-  m.unmarshal(h, 0, 0, &out, e.wire.data(), static_cast<int32_t>(e.wire.size()), noop_handler, &err);
+  m.unmarshal(h, 0, 0, &out, e.wire.data(), static_cast<int32_t>(e.wire.size()), noop_handler,
+              &err);
   wexlib_msg_recorder_stop();
   EXPECT_EQ(err, 0u);
-  EXPECT_TRUE(t.has(LUMO_LEVEL_ERROR, "WEX record - NULL file handle for message ipc_shim_xcvr_msg"));
+  EXPECT_TRUE(
+      t.has(LUMO_LEVEL_ERROR, "WEX record - NULL file handle for message ipc_shim_xcvr_msg"));
   m.destroy(h, 0, out);
   m.destroy(h, 0, e.msg);
 }
 
 int g_passed_calls = 0;
-void passed_handler(wex_handle *, uint32_t, uint64_t, void *, uint32_t *) { ++g_passed_calls; }
+void passed_handler(wex_handle *, uint32_t, uint64_t, void *, uint32_t *) {
+  ++g_passed_calls;
+}
 
 TEST(MessageForms, HandlerPrecedence) {
   Handle h;
@@ -285,24 +300,31 @@ TEST(MessageForms, HandlerPrecedence) {
     if (m.name == p.name) continue;
     e = encode(h, m, 15);
     err = 0;
-    EXPECT_EQ(m.unmarshal(h, 0, 0, &out, e.wire.data(), static_cast<int32_t>(e.wire.size()), nullptr, &err),
+    EXPECT_EQ(m.unmarshal(h, 0, 0, &out, e.wire.data(), static_cast<int32_t>(e.wire.size()),
+                          nullptr, &err),
               e.wire.size());
     EXPECT_EQ(err, 38u);
     EXPECT_EQ(h->error, 38u);
     ASSERT_TRUE(out);
-    EXPECT_TRUE(t.has(LUMO_LEVEL_INFO, "default bix_ipc_shim_" + m.name + "_message handler called"));
+    EXPECT_TRUE(
+        t.has(LUMO_LEVEL_INFO, "default bix_ipc_shim_" + m.name + "_message handler called"));
     m.destroy(h, 0, out);
     err = 0;  // and with nobody to own it, it is released at once
-    m.unmarshal(h, 0, 0, nullptr, e.wire.data(), static_cast<int32_t>(e.wire.size()), nullptr, &err);
+    m.unmarshal(h, 0, 0, nullptr, e.wire.data(), static_cast<int32_t>(e.wire.size()), nullptr,
+                &err);
     EXPECT_EQ(err, 38u);
     // An error already pending: nothing happens.
     out = &out;
-    EXPECT_EQ(m.unmarshal(h, 0, 0, &out, e.wire.data(), static_cast<int32_t>(e.wire.size()), passed_handler, &err), 0u);
-    EXPECT_EQ(m.unmarshal_only(h, 0, &out, e.wire.data(), static_cast<int32_t>(e.wire.size()), &err), 0u);
+    EXPECT_EQ(m.unmarshal(h, 0, 0, &out, e.wire.data(), static_cast<int32_t>(e.wire.size()),
+                          passed_handler, &err),
+              0u);
+    EXPECT_EQ(
+        m.unmarshal_only(h, 0, &out, e.wire.data(), static_cast<int32_t>(e.wire.size()), &err), 0u);
     EXPECT_EQ(out, &out);
-    EXPECT_TRUE(t.has(LUMO_LEVEL_DEBUG, "Error present in call to " + m.name + " message unmarshal: " +
-                                            std::strerror(38)));
-    EXPECT_TRUE(t.has(LUMO_LEVEL_DEBUG, "Error present in call to " + m.name + " unmarshal: " + std::strerror(38)));
+    EXPECT_TRUE(t.has(LUMO_LEVEL_DEBUG, "Error present in call to " + m.name +
+                                            " message unmarshal: " + std::strerror(38)));
+    EXPECT_TRUE(t.has(LUMO_LEVEL_DEBUG,
+                      "Error present in call to " + m.name + " unmarshal: " + std::strerror(38)));
     m.destroy(h, 0, e.msg);
     h->error = 0;
   }

@@ -18,20 +18,25 @@ uint64_t counter(const Msg &m, bool destroyed) {
 // The whole message ABI: 24 operations per message and 4 per member, 392 in all, plus
 // the module's bundle handler registration.
 TEST(MessageObject, EveryOperationIsExported) {
-  const char *const ops[] = {"create", "create_cr", "create_unsafe", "create_shallow", "destroy", "destroy_cr",
-                             "destroy_unsafe", "is_valid_cr", "len", "len_cr", "len_unsafe", "marshal",
-                             "marshal_cr", "marshal_unsafe", "unmarshal", "unmarshal_only", "print", "print_cr",
-                             "print_unsafe", "to_xml", "toxml_cr", "to_xml_unsafe", "from_xml", "from_xml_unsafe"};
+  const char *const ops[] = {"create",     "create_cr",      "create_unsafe",  "create_shallow",
+                             "destroy",    "destroy_cr",     "destroy_unsafe", "is_valid_cr",
+                             "len",        "len_cr",         "len_unsafe",     "marshal",
+                             "marshal_cr", "marshal_unsafe", "unmarshal",      "unmarshal_only",
+                             "print",      "print_cr",       "print_unsafe",   "to_xml",
+                             "toxml_cr",   "to_xml_unsafe",  "from_xml",       "from_xml_unsafe"};
   size_t found = 0;
   for (const Msg &m : messages()) {
-    for (const char *op : ops) found += dlsym(RTLD_DEFAULT, (m.name + "_message_" + op).c_str()) != nullptr;
+    for (const char *op : ops)
+      found += dlsym(RTLD_DEFAULT, (m.name + "_message_" + op).c_str()) != nullptr;
     for (const Member &mem : m.members)
       for (const char *op : {"get", "get_detach", "set", "free_and_set"})
-        found += dlsym(RTLD_DEFAULT, (m.name + "_message_" + mem.name + "_" + op).c_str()) != nullptr;
+        found +=
+            dlsym(RTLD_DEFAULT, (m.name + "_message_" + mem.name + "_" + op).c_str()) != nullptr;
   }
   EXPECT_EQ(found, 392u);
-  for (const char *f : {"bix_ipc_shim_bundle_handler_register", "bix_ipc_shim_bundle_handler_unregister",
-                        "bix_ipc_shim_bundle_registered_handler", "bix_ipc_shim_message_receive"})
+  for (const char *f :
+       {"bix_ipc_shim_bundle_handler_register", "bix_ipc_shim_bundle_handler_unregister",
+        "bix_ipc_shim_bundle_registered_handler", "bix_ipc_shim_message_receive"})
     EXPECT_TRUE(dlsym(RTLD_DEFAULT, f)) << f;
 }
 
@@ -47,12 +52,14 @@ TEST(MessageObject, CreateMakesEveryMemberAndTheHeaderRecord) {
       EXPECT_EQ(h.allocs, 1 + m.members.size());
       EXPECT_EQ(counter(m, false), created + 1);
       EXPECT_EQ(h.counts.back(), &static_cast<wex_type_info *>(*static_cast<void **>(msg))
-                                       ->variant_info->entries[0].created);
+                                      ->variant_info->entries[0]
+                                      .created);
       const uint8_t *b = static_cast<const uint8_t *>(msg);
       const bool on = mode == WEX_STTR_ON;
       EXPECT_EQ(b[8], 0);
       EXPECT_EQ(b[10], on ? 0x08 : 0x00);
-      const uint8_t record[16] = {0xBC, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, static_cast<uint8_t>(on)};
+      const uint8_t record[16] = {0xBC, 0xFF, 0xFF, 0xFF,
+                                  0xFF, 0xFF, 0xFF, static_cast<uint8_t>(on)};
       EXPECT_EQ(std::memcmp(b + 16, record, 16), 0);
       for (size_t k = 0; k < m.members.size(); ++k) {
         uint32_t err = 0;
@@ -128,7 +135,8 @@ TEST(MessageObject, CreateCrWithErrorPendingReturnsTheNullInstance) {
     h->error = 0;
     uint32_t err = 0;
     void *member = m.create(h, 0);
-    m.member_op<void (*)(wex_handle *, uint32_t, void *, void *, uint32_t *)>(0, "set")(h, 0, msg, nullptr, &err);
+    m.member_op<void (*)(wex_handle *, uint32_t, void *, void *, uint32_t *)>(0, "set")(
+        h, 0, msg, nullptr, &err);
     EXPECT_EQ(err, 22u);
     m.destroy(h, 0, member);
   }
@@ -140,9 +148,12 @@ TEST(MessageObject, DetachSetAndFreeAndSetTransferOwnership) {
     for (size_t k = 0; k < m.members.size(); ++k) {
       Handle h;
       uint32_t err = 0;
-      auto detach = m.member_op<void *(*)(wex_handle *, uint32_t, void *, uint32_t *)>(k, "get_detach");
-      auto set = m.member_op<void (*)(wex_handle *, uint32_t, void *, void *, uint32_t *)>(k, "set");
-      auto free_set = m.member_op<void (*)(wex_handle *, uint32_t, void *, void *, uint32_t *)>(k, "free_and_set");
+      auto detach =
+          m.member_op<void *(*)(wex_handle *, uint32_t, void *, uint32_t *)>(k, "get_detach");
+      auto set =
+          m.member_op<void (*)(wex_handle *, uint32_t, void *, void *, uint32_t *)>(k, "set");
+      auto free_set = m.member_op<void (*)(wex_handle *, uint32_t, void *, void *, uint32_t *)>(
+          k, "free_and_set");
       void *msg = m.create(h, 0);
       void *first = detach(h, 0, msg, &err);
       ASSERT_TRUE(first);
@@ -179,19 +190,28 @@ TEST(MessageObject, MemberOperationsWithAnErrorPendingTraceAndDoNothing) {
   void *hdr = member_of(m, msg, 1);
   uint32_t err = 12;
   EXPECT_EQ(m.get(h, msg, 1, &err), nullptr);
-  m.member_op<void *(*)(wex_handle *, uint32_t, void *, uint32_t *)>(0, "get_detach")(h, 0, msg, &err);
-  m.member_op<void (*)(wex_handle *, uint32_t, void *, void *, uint32_t *)>(1, "set")(h, 0, msg, nullptr, &err);
-  m.member_op<void (*)(wex_handle *, uint32_t, void *, void *, uint32_t *)>(2, "free_and_set")(h, 0, msg, nullptr, &err);
+  m.member_op<void *(*)(wex_handle *, uint32_t, void *, uint32_t *)>(0, "get_detach")(h, 0, msg,
+                                                                                      &err);
+  m.member_op<void (*)(wex_handle *, uint32_t, void *, void *, uint32_t *)>(1, "set")(
+      h, 0, msg, nullptr, &err);
+  m.member_op<void (*)(wex_handle *, uint32_t, void *, void *, uint32_t *)>(2, "free_and_set")(
+      h, 0, msg, nullptr, &err);
   err = 0;
   EXPECT_EQ(m.get(h, nullptr, 2, &err), nullptr);
   EXPECT_EQ(member_of(m, msg, 1), hdr);
   EXPECT_EQ(member_of(m, msg, 0) != nullptr, true);
   const std::string oom = std::strerror(12);
-  EXPECT_TRUE(t.has(LUMO_LEVEL_DEBUG, "Error present when getting value for wex_ipc_shim_hdr: " + oom));
-  EXPECT_TRUE(t.has(LUMO_LEVEL_DEBUG, "Error present getting detached app_sess_hdr value for ipc_shim_xcvr_msg: " + oom));
-  EXPECT_TRUE(t.has(LUMO_LEVEL_DEBUG, "Error present when setting value for wex_ipc_shim_hdr: " + oom));
-  EXPECT_TRUE(t.has(LUMO_LEVEL_DEBUG, "Error present when freeing and setting value for ipc_shim_xcvr_data: " + oom));
-  EXPECT_TRUE(t.has(LUMO_LEVEL_DEBUG, "Error present when getting value for ipc_shim_xcvr_data: " + std::string(std::strerror(0))));
+  EXPECT_TRUE(
+      t.has(LUMO_LEVEL_DEBUG, "Error present when getting value for wex_ipc_shim_hdr: " + oom));
+  EXPECT_TRUE(
+      t.has(LUMO_LEVEL_DEBUG,
+            "Error present getting detached app_sess_hdr value for ipc_shim_xcvr_msg: " + oom));
+  EXPECT_TRUE(
+      t.has(LUMO_LEVEL_DEBUG, "Error present when setting value for wex_ipc_shim_hdr: " + oom));
+  EXPECT_TRUE(t.has(LUMO_LEVEL_DEBUG,
+                    "Error present when freeing and setting value for ipc_shim_xcvr_data: " + oom));
+  EXPECT_TRUE(t.has(LUMO_LEVEL_DEBUG, "Error present when getting value for ipc_shim_xcvr_data: " +
+                                          std::string(std::strerror(0))));
   m.destroy(h, 0, msg);
 }
 
@@ -200,7 +220,8 @@ TEST(MessageObject, OnlyTheChannelMessagesHaveAChannelHeader) {
     const bool plain = m.name == "bix_ipc_shim_msg";
     EXPECT_EQ(m.members.size(), plain ? 2u : 3u);
     EXPECT_EQ(m.members[0].name, "app_sess_hdr");
-    EXPECT_EQ(dlsym(RTLD_DEFAULT, (m.name + "_message_wex_ipc_shim_hdr_get").c_str()) == nullptr, plain);
+    EXPECT_EQ(dlsym(RTLD_DEFAULT, (m.name + "_message_wex_ipc_shim_hdr_get").c_str()) == nullptr,
+              plain);
   }
   EXPECT_EQ(message("bix_ipc_shim_msg").members[1].name, "ipc_shim_data");
 }
@@ -209,7 +230,8 @@ TEST(MessageObject, OnlyTheChannelMessagesHaveAChannelHeader) {
 // type, the null instance of a member type.
 TEST(MessageObject, WritersRefuseInstancesOfAnotherType) {
   for (const Msg &m : messages()) {
-    const Msg &other = message(m.name == "ipc_shim_xcvr_msg" ? "ipc_shim_envm_rpc_req" : "ipc_shim_xcvr_msg");
+    const Msg &other =
+        message(m.name == "ipc_shim_xcvr_msg" ? "ipc_shim_envm_rpc_req" : "ipc_shim_xcvr_msg");
     Handle h;
     void *msg = m.create(h, 0);
     void *foreign = other.create(h, 0);

@@ -35,15 +35,19 @@ TEST(MessageWire, GoldenBytesOfAPlainMessage) {
   app_sess_hdr_flags_set_value(h, 0, msg->app_sess_hdr, 1, &err);
   ipc_shim_data_slot_set_value(h, 0, msg->ipc_shim_data, 1, &err);
   ipc_shim_data_subslot_set_value(h, 0, msg->ipc_shim_data, 2, &err);
-  for (uint32_t i = 0; i < 3; ++i) ipc_shim_data_data_set_value(h, 0, msg->ipc_shim_data, i, 0xA1 + i, &err);
+  for (uint32_t i = 0; i < 3; ++i)
+    ipc_shim_data_data_set_value(h, 0, msg->ipc_shim_data, i, 0xA1 + i, &err);
   ASSERT_EQ(m.len(h, 0, msg), 43u + 16 + 21);
   const std::vector<uint8_t> want = {
-      0xBC, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x00, 0x01, 0x00, 0x1B,  // header: record, version, 27
+      0xBC, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x00, 0x01, 0x00, 0x1B,  // header: record, version,
+                                                                         // 27
       0x01, 0x02, 0x03, 0x04, 0x00, 0x00, 0x00, 0x50,                    // stamp, total 80
-      0, 0, 0, 0, 0, 0, 0, 0,                                            // reserved
-      0x1c, 0x71, 0x59, 0x47, 0x72, 0x8e, 0xb9, 0xdf, 0xee, 0x06, 0x0b, 0x7f, 0x56, 0x88, 0x48, 0xaa,
-      0x00, 0x00, 0x00, 0x00, 0x00, 0x0E, 0, 0, 0, 7, 0, 0, 0, 9, 0x00, 0x01,  // session header
-      0x00, 0x00, 0x00, 0x00, 0x00, 0x13, 0, 0, 0, 1, 0, 0, 0, 2, 0, 0, 0, 3,   // ipc_shim_data
+      0,    0,    0,    0,    0,    0,    0,    0,                       // reserved
+      0x1c, 0x71, 0x59, 0x47, 0x72, 0x8e, 0xb9, 0xdf, 0xee, 0x06, 0x0b, 0x7f,
+      0x56, 0x88, 0x48, 0xaa, 0x00, 0x00, 0x00, 0x00, 0x00, 0x0E, 0,    0,
+      0,    7,    0,    0,    0,    9,    0x00, 0x01,  // session header
+      0x00, 0x00, 0x00, 0x00, 0x00, 0x13, 0,    0,    0,    1,    0,    0,
+      0,    2,    0,    0,    0,    3,  // ipc_shim_data
       0xA1, 0xA2, 0xA3};
   EXPECT_EQ(marshal(h, m, msg, &err), want);
   EXPECT_EQ(err, 0u);
@@ -62,7 +66,8 @@ TEST(MessageWire, EveryMessageRoundTripsInEveryTrackingMode) {
   for (const Msg &m : messages()) {
     for (uint32_t send_mode : {kOff, kOn}) {
       for (uint32_t recv_mode : {kOff, kOn}) {
-        SCOPED_TRACE(m.name + (send_mode == kOn ? " sender tracks" : "") + (recv_mode == kOn ? " receiver tracks" : ""));
+        SCOPED_TRACE(m.name + (send_mode == kOn ? " sender tracks" : "") +
+                     (recv_mode == kOn ? " receiver tracks" : ""));
         Handle tx(send_mode), rx(recv_mode);
         const uint8_t seed = static_cast<uint8_t>(m.name.size());
         Encoded e = encode(tx, m, seed, 1 + seed % 7);
@@ -71,7 +76,8 @@ TEST(MessageWire, EveryMessageRoundTripsInEveryTrackingMode) {
         EXPECT_EQ(e.wire[7], send_mode == kOn);  // the sender's tracking byte
         void *back = nullptr;
         uint32_t err = 0;
-        EXPECT_EQ(m.unmarshal_only(rx, 0, &back, e.wire.data(), static_cast<int32_t>(e.wire.size()), &err),
+        EXPECT_EQ(m.unmarshal_only(rx, 0, &back, e.wire.data(), static_cast<int32_t>(e.wire.size()),
+                                   &err),
                   e.wire.size());
         ASSERT_EQ(err, 0u);
         EXPECT_EQ(print_text(rx, m, back), print_text(tx, m, e.msg));
@@ -83,7 +89,8 @@ TEST(MessageWire, EveryMessageRoundTripsInEveryTrackingMode) {
         if (send_mode == recv_mode) {
           EXPECT_EQ(again, e.wire);
         }
-        for (void *p : {e.msg, back, third}) m.destroy(p == e.msg ? static_cast<wex_handle *>(tx) : rx, 0, p);
+        for (void *p : {e.msg, back, third})
+          m.destroy(p == e.msg ? static_cast<wex_handle *>(tx) : rx, 0, p);
         EXPECT_TRUE(tx.live.empty() && rx.live.empty());
       }
     }
@@ -105,7 +112,8 @@ TEST(MessageWire, ShortBuffersAreNeverWrittenPastTheirEnd) {
         uint32_t n = m.marshal(h, 0, buf.data(), e.msg, static_cast<int32_t>(room), &err);
         SCOPED_TRACE(m.name + " room " + std::to_string(room));
         ASSERT_LE(n, room);
-        ASSERT_TRUE(std::all_of(buf.begin() + room, buf.end(), [](uint8_t b) { return b == 0xAA; }));
+        ASSERT_TRUE(
+            std::all_of(buf.begin() + room, buf.end(), [](uint8_t b) { return b == 0xAA; }));
         if (room < 27) {
           ASSERT_EQ(n, 0u);
           ASSERT_EQ(err, 90u);
@@ -160,15 +168,18 @@ TEST(MessageWire, CrFormsAndAPendingError) {
     EXPECT_EQ(h->error, 90u);
     EXPECT_EQ(m.len_cr(h, e.msg), 0u);
     EXPECT_EQ(m.marshal_cr(h, e.msg, buf.data(), static_cast<int32_t>(buf.size())), 0xFFFFFFFFu);
-    EXPECT_TRUE(t.has(LUMO_LEVEL_ERROR, "Message " + m.name + " failed to marshal: " + std::strerror(90)));
-    EXPECT_TRUE(t.has(LUMO_LEVEL_DEBUG, "Error present in call to message marshal: " + std::string(std::strerror(90))));
+    EXPECT_TRUE(
+        t.has(LUMO_LEVEL_ERROR, "Message " + m.name + " failed to marshal: " + std::strerror(90)));
+    EXPECT_TRUE(t.has(LUMO_LEVEL_DEBUG, "Error present in call to message marshal: " +
+                                            std::string(std::strerror(90))));
     // Suppressed messages make the failure a debug trace.
     h->error = 0;
     wex_set_suppress_messages(h, 1);
     uint32_t err = 0;
     m.marshal(h, 0, buf.data(), e.msg, 40, &err);
-    EXPECT_EQ(t.lines.back(), std::make_pair(LUMO_LEVEL_DEBUG, "Message " + m.name + " failed to marshal: " +
-                                                                   std::string(std::strerror(90))));
+    EXPECT_EQ(t.lines.back(),
+              std::make_pair(LUMO_LEVEL_DEBUG, "Message " + m.name + " failed to marshal: " +
+                                                   std::string(std::strerror(90))));
     m.destroy(h, 0, e.msg);
   }
 }
@@ -184,7 +195,8 @@ TEST(MessageWire, MarshalRefusesIncompleteAndForeignMessages) {
     EXPECT_EQ(m.len(h, 0, shallow), 43u);
     m.marshal(h, 0, buf, shallow, sizeof buf, &err);
     EXPECT_EQ(err, 22u);
-    const Msg &other = message(m.name == "bix_ipc_shim_msg" ? "ipc_shim_xcvr_msg" : "bix_ipc_shim_msg");
+    const Msg &other =
+        message(m.name == "bix_ipc_shim_msg" ? "ipc_shim_xcvr_msg" : "bix_ipc_shim_msg");
     void *foreign = other.create_shallow(h, 0);
     err = 0;
     EXPECT_EQ(m.marshal(h, 0, buf, foreign, sizeof buf, &err), 0u);
@@ -208,7 +220,8 @@ TEST(MessageWire, UnmarshalOnlyDecodesWhateverLuidItCarries) {
   std::memcpy(e.wire.data() + 27, message("ipc_shim_xcvr_msg").luid, 16);
   void *back = nullptr;
   uint32_t err = 0;
-  EXPECT_EQ(m.unmarshal_only(h, 0, &back, e.wire.data(), static_cast<int32_t>(e.wire.size()), &err), e.wire.size());
+  EXPECT_EQ(m.unmarshal_only(h, 0, &back, e.wire.data(), static_cast<int32_t>(e.wire.size()), &err),
+            e.wire.size());
   EXPECT_EQ(err, 0u);
   EXPECT_EQ(print_text(h, m, back), print_text(h, m, e.msg));
   m.destroy(h, 0, back);
@@ -216,7 +229,9 @@ TEST(MessageWire, UnmarshalOnlyDecodesWhateverLuidItCarries) {
 }
 
 int g_handled = 0;
-void counting_handler(wex_handle *, uint32_t, uint64_t, void *, uint32_t *) { ++g_handled; }
+void counting_handler(wex_handle *, uint32_t, uint64_t, void *, uint32_t *) {
+  ++g_handled;
+}
 
 // Cut short at every length, a message is refused, never read past its end (the input is
 // an exact-size copy, checked under AddressSanitizer), never handed to a handler, and
@@ -232,7 +247,8 @@ TEST(MessageWire, EveryTruncationIsRefusedCleanly) {
         void *out = &out;
         uint32_t err = 0;
         g_handled = 0;
-        uint32_t n = bix_ipc_shim_message_receive(rx, 0, 0, &out, cut.get(), static_cast<int32_t>(k), counting_handler, &err);
+        uint32_t n = bix_ipc_shim_message_receive(rx, 0, 0, &out, cut.get(),
+                                                  static_cast<int32_t>(k), counting_handler, &err);
         ASSERT_LE(n, k);
         ASSERT_NE(err, 0u) << m.name << " cut at " << k;
         ASSERT_EQ(out, nullptr);
@@ -258,7 +274,8 @@ TEST(MessageWire, HostileBodiesAreRefusedOrDecodedWithoutHarm) {
       std::memcpy(copy.get(), bytes.data(), bytes.size());
       void *out = nullptr;
       uint32_t err = 0;
-      uint32_t n = m.unmarshal(h, 0, 0, &out, copy.get(), static_cast<int32_t>(bytes.size()), counting_handler, &err);
+      uint32_t n = m.unmarshal(h, 0, 0, &out, copy.get(), static_cast<int32_t>(bytes.size()),
+                               counting_handler, &err);
       ASSERT_LE(n, bytes.size());
       ASSERT_EQ(out != nullptr, err == 0);
       m.destroy(h, 0, out);
@@ -279,8 +296,10 @@ TEST(MessageWire, UnmarshalSurvivesEveryFailingAllocation) {
         rx.fail_at = k;
         void *out = nullptr;
         uint32_t err = 0;
-        m.unmarshal(rx, 0, 0, &out, e.wire.data(), static_cast<int32_t>(e.wire.size()), counting_handler, &err);
-        ASSERT_TRUE(err == 12 || (err == 0 && rx.allocs < k)) << m.name << " allocation " << k << " err " << err;
+        m.unmarshal(rx, 0, 0, &out, e.wire.data(), static_cast<int32_t>(e.wire.size()),
+                    counting_handler, &err);
+        ASSERT_TRUE(err == 12 || (err == 0 && rx.allocs < k))
+            << m.name << " allocation " << k << " err " << err;
         m.destroy(rx, 0, out);
         ASSERT_TRUE(rx.live.empty());
         if (err == 0) break;
@@ -297,9 +316,10 @@ TEST(MessageWire, ReceivePicksTheMessageByLuid) {
     void *out = nullptr;
     uint32_t err = 0;
     g_handled = 0;
-    EXPECT_EQ(bix_ipc_shim_message_receive(h, 0, 0, &out, e.wire.data(), static_cast<int32_t>(e.wire.size()),
-                                           counting_handler, &err),
-              e.wire.size());
+    EXPECT_EQ(
+        bix_ipc_shim_message_receive(h, 0, 0, &out, e.wire.data(),
+                                     static_cast<int32_t>(e.wire.size()), counting_handler, &err),
+        e.wire.size());
     EXPECT_EQ(err, 0u);
     EXPECT_EQ(g_handled, 1);
     ASSERT_TRUE(out);
@@ -309,21 +329,24 @@ TEST(MessageWire, ReceivePicksTheMessageByLuid) {
     // An unknown LUID: 2. Too short for a LUID: 74. Neither calls the handler.
     e.wire[30] ^= 0x55;
     out = &out;
-    EXPECT_EQ(bix_ipc_shim_message_receive(h, 0, 0, &out, e.wire.data(), static_cast<int32_t>(e.wire.size()),
-                                           counting_handler, &err),
-              0u);
+    EXPECT_EQ(
+        bix_ipc_shim_message_receive(h, 0, 0, &out, e.wire.data(),
+                                     static_cast<int32_t>(e.wire.size()), counting_handler, &err),
+        0u);
     EXPECT_EQ(err, 2u);
     EXPECT_EQ(out, nullptr);
     err = 0;
     out = &out;
-    EXPECT_EQ(bix_ipc_shim_message_receive(h, 0, 0, &out, e.wire.data(), 42, counting_handler, &err), 0u);
+    EXPECT_EQ(
+        bix_ipc_shim_message_receive(h, 0, 0, &out, e.wire.data(), 42, counting_handler, &err), 0u);
     EXPECT_EQ(err, 74u);
     EXPECT_EQ(out, nullptr);
     // An error already in the slot: nothing at all.
     out = &out;
-    EXPECT_EQ(bix_ipc_shim_message_receive(h, 0, 0, &out, e.wire.data(), static_cast<int32_t>(e.wire.size()),
-                                           counting_handler, &err),
-              0u);
+    EXPECT_EQ(
+        bix_ipc_shim_message_receive(h, 0, 0, &out, e.wire.data(),
+                                     static_cast<int32_t>(e.wire.size()), counting_handler, &err),
+        0u);
     EXPECT_EQ(out, &out);
     EXPECT_EQ(err, 74u);
     EXPECT_EQ(g_handled, 1);
@@ -337,7 +360,9 @@ uint32_t refuse_status(void *ctx, wex_handle *, uint32_t, const uint8_t *, const
   ++*static_cast<int *>(ctx);
   return std::string(name) == "message ipc_shim_xcvr_status_info" ? 95 : 0;
 }
-uint32_t accept_all(void *, wex_handle *, uint32_t, const uint8_t *, const char *) { return 0; }
+uint32_t accept_all(void *, wex_handle *, uint32_t, const uint8_t *, const char *) {
+  return 0;
+}
 
 TEST(MessageWire, BundlesValidateAndCountEachMessage) {
   int calls = 0;
@@ -355,8 +380,9 @@ TEST(MessageWire, BundlesValidateAndCountEachMessage) {
   }
   EXPECT_EQ(calls, 11);
   EXPECT_EQ(app_sess_bundle_end(h), counted);
-  EXPECT_TRUE(t.has(LUMO_LEVEL_ERROR, "Message ipc_shim_xcvr_status_info is not valid for bundle: " +
-                                          std::string(std::strerror(95))));
+  EXPECT_TRUE(
+      t.has(LUMO_LEVEL_ERROR, "Message ipc_shim_xcvr_status_info is not valid for bundle: " +
+                                  std::string(std::strerror(95))));
   // Registration order: each call answers the handler registered before.
   EXPECT_EQ(bix_ipc_shim_bundle_handler_register(accept_all, nullptr), refuse_status);
   EXPECT_EQ(bix_ipc_shim_bundle_registered_handler, accept_all);

@@ -25,7 +25,9 @@ TEST(ToolAnnotate, StatusInfoMatchesItsGoldenAnnotation) {
   const std::string wire = slurp(BIX_TOOL_DATA "/status_info_sfp.bin");
   ASSERT_EQ(wire.size(), 1021u);
   std::string out, err;
-  ASSERT_TRUE(bixipc::annotate(reinterpret_cast<const uint8_t *>(wire.data()), wire.size(), out, &err)) << err;
+  ASSERT_TRUE(
+      bixipc::annotate(reinterpret_cast<const uint8_t *>(wire.data()), wire.size(), out, &err))
+      << err;
   EXPECT_EQ(out, slurp(BIX_TOOL_DATA "/status_info_sfp.annotate"));
 }
 
@@ -117,7 +119,9 @@ TEST(ToolDecode, TextAndXmlOfMessagesBackToBackAndBackToTheWire) {
     EXPECT_EQ(again, sent[i].wire) << m.name;
     // The recorder's form, with its time-stamped wrapper, encodes the same.
     again.clear();
-    ASSERT_TRUE(bixipc::encode("<bix_ipc_shim timestamp=\"x\">\n" + xml + "</bix_ipc_shim>\n", again, &err)) << err;
+    ASSERT_TRUE(
+        bixipc::encode("<bix_ipc_shim timestamp=\"x\">\n" + xml + "</bix_ipc_shim>\n", again, &err))
+        << err;
     EXPECT_EQ(again, sent[i].wire);
     m.destroy(h, 0, sent[i].msg);
   }
@@ -131,7 +135,8 @@ TEST(ToolDecode, RefusalsNameTheOffsetOfTheMessage) {
   two.insert(two.end(), e.wire.begin(), e.wire.end() - 1);
   std::string out, err;
   EXPECT_FALSE(bixipc::decode(two.data(), two.size(), false, out, &err));
-  EXPECT_EQ(err, "offset " + std::to_string(e.wire.size()) + ": truncated or malformed message (error 74)");
+  EXPECT_EQ(err, "offset " + std::to_string(e.wire.size()) +
+                     ": truncated or malformed message (error 74)");
   EXPECT_EQ(out, print_text(h, m, e.msg));  // the first message was shown
   two.assign(e.wire.begin(), e.wire.end());
   two[30] ^= 1;
@@ -143,8 +148,9 @@ TEST(ToolDecode, RefusalsNameTheOffsetOfTheMessage) {
   EXPECT_FALSE(bixipc::encode("<wex_xcvr_rc/>", none, &err));
   EXPECT_EQ(err, "the document's root element names no message");
   EXPECT_FALSE(bixipc::encode("<x><ipc_shim_xcvr_msg/><ipc_shim_xcvr_msg/></x>", none, &err));
-  EXPECT_FALSE(bixipc::encode("<ipc_shim_xcvr_msg><app_sess_hdr><seq_num>-</seq_num></app_sess_hdr></ipc_shim_xcvr_msg>",
-                              none, &err));
+  EXPECT_FALSE(bixipc::encode(
+      "<ipc_shim_xcvr_msg><app_sess_hdr><seq_num>-</seq_num></app_sess_hdr></ipc_shim_xcvr_msg>",
+      none, &err));
   EXPECT_EQ(err.rfind("ipc_shim_xcvr_msg: ", 0), 0u) << err;
   EXPECT_TRUE(none.empty());
   m.destroy(h, 0, e.msg);

@@ -35,7 +35,9 @@ const char *literal_name(const std::string &type, uint32_t user) {
   return nullptr;
 }
 
-uint32_t prim_width(const std::string &prim) { return prim.ends_with("32") ? 4 : prim.ends_with("16") ? 2 : 1; }
+uint32_t prim_width(const std::string &prim) {
+  return prim.ends_with("32") ? 4 : prim.ends_with("16") ? 2 : 1;
+}
 
 class Walker {
  public:
@@ -75,7 +77,8 @@ class Walker {
       at = m.type ? record(at, m.type, m.name) : session_header(at, m.name);
     }
     if (cut)
-      throw Truncated{size, "the input ends " + std::to_string(pos + total - size) + " bytes before the end of the message"};
+      throw Truncated{size, "the input ends " + std::to_string(pos + total - size) +
+                                " bytes before the end of the message"};
     if (at < end_) line(at, end_ - at, "inside the message, after its members");
     return end_;
   }
@@ -100,7 +103,8 @@ class Walker {
     for (size_t row = 0; row == 0 || row < n; row += 8) {
       char buf[64];
       int k = std::snprintf(buf, sizeof buf, "%06zx ", pos + row);
-      for (size_t i = row; i < n && i < row + 8; ++i) k += std::snprintf(buf + k, sizeof buf - k, " %02x", data_[pos + i]);
+      for (size_t i = row; i < n && i < row + 8; ++i)
+        k += std::snprintf(buf + k, sizeof buf - k, " %02x", data_[pos + i]);
       out_ += buf;
       out_.append(static_cast<size_t>(k < 32 ? 32 - k : 1), ' ');
       out_ += row ? "" : label;
@@ -116,7 +120,8 @@ class Walker {
   std::string value_text(const std::string &prim, uint32_t v) const {
     if (prim[0] == 'u') return std::to_string(v);
     const uint32_t w = prim_width(prim) * 8;
-    int64_t s = (w < 32 && (v >> (w - 1))) ? static_cast<int64_t>(v) - (int64_t{1} << w) : static_cast<int32_t>(v);
+    int64_t s = (w < 32 && (v >> (w - 1))) ? static_cast<int64_t>(v) - (int64_t{1} << w)
+                                           : static_cast<int32_t>(v);
     return std::to_string(s);
   }
 
@@ -166,7 +171,8 @@ class Walker {
     const size_t m = std::min<size_t>(n, end_ > pos ? end_ - pos : 0);
     for (size_t i = 0; i < m; i += 8) {
       const size_t last = std::min<size_t>(m, i + 8) - 1;
-      line(pos + i, last - i + 1, label + "[" + std::to_string(i) + ".." + std::to_string(last) + "]: element states");
+      line(pos + i, last - i + 1,
+           label + "[" + std::to_string(i) + ".." + std::to_string(last) + "]: element states");
     }
     pos += m;
   }
@@ -193,8 +199,9 @@ class Walker {
       const uint32_t wire = item(pos, 4, path);
       const uint32_t user = t.shifted && wire < t.nliterals ? wire + 1 : wire;
       const char *name = literal_name(t.name, user);
-      line(pos - 4, 4, path + " = " + (name ? name : "(no literal)") + " (user " + std::to_string(user) +
-                           ", wire " + std::to_string(wire) + ")");
+      line(pos - 4, 4,
+           path + " = " + (name ? name : "(no literal)") + " (user " + std::to_string(user) +
+               ", wire " + std::to_string(wire) + ")");
       if (user_out) *user_out = user;
       return pos;
     }
@@ -258,7 +265,9 @@ class Walker {
         const uint32_t k = values[f.link];
         need(pos, k, label + " (" + std::to_string(k) + " elements)");
         for (uint32_t e = 0; e < k; ++e)
-          line(pos + e, 1, label + "[" + std::to_string(e) + "] = " + std::to_string(data_[pos + e]) + char_text(1, data_[pos + e]));
+          line(pos + e, 1,
+               label + "[" + std::to_string(e) + "] = " + std::to_string(data_[pos + e]) +
+                   char_text(1, data_[pos + e]));
         pos += k;
         if (k) {
           state(pos, states, label + " (whole array)");

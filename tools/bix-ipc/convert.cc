@@ -25,11 +25,16 @@ struct Handle {
 
 std::string why(uint32_t code) {
   switch (code) {
-    case 2: return "unknown message LUID";
-    case 12: return "out of memory";
-    case 22: return "invalid content";
-    case 74: return "truncated or malformed message";
-    default: return std::strerror(static_cast<int>(code));
+    case 2:
+      return "unknown message LUID";
+    case 12:
+      return "out of memory";
+    case 22:
+      return "invalid content";
+    case 74:
+      return "truncated or malformed message";
+    default:
+      return std::strerror(static_cast<int>(code));
   }
 }
 
@@ -37,7 +42,8 @@ std::string why(uint32_t code) {
 void keep(wex_handle *, uint32_t, uint64_t, void *, uint32_t *) {}
 
 // A text form in a buffer that grows until the form fits.
-bool render(wex_handle *h, const std::string &msg, void *inst, bool xml, std::string &out, uint32_t *err) {
+bool render(wex_handle *h, const std::string &msg, void *inst, bool xml, std::string &out,
+            uint32_t *err) {
   using Render = int32_t (*)(wex_handle *, uint32_t, char *, const void *, uint32_t, uint32_t *);
   Render fn = message_op<Render>(msg, xml ? "to_xml" : "print");
   for (uint32_t size = 1 << 16; size <= (1u << 26); size *= 4) {
@@ -63,7 +69,8 @@ bool decode(const uint8_t *data, size_t size, bool xml, std::string &out, std::s
     uint32_t err = 0;
     bix_ipc_shim_message_receive(h.h, 0, 0, &msg, data + pos, room, keep, &err);
     if (err || !msg) {
-      *error = "offset " + std::to_string(pos) + ": " + why(err) + " (error " + std::to_string(err) + ")";
+      *error = "offset " + std::to_string(pos) + ": " + why(err) + " (error " +
+               std::to_string(err) + ")";
       return false;
     }
     const std::string name = (*static_cast<wex_type_info **>(msg))->type_name;
@@ -73,7 +80,8 @@ bool decode(const uint8_t *data, size_t size, bool xml, std::string &out, std::s
     const bool shown = render(h.h, name, msg, xml, out, &err);
     message_op<void (*)(wex_handle *, uint32_t, void *)>(name, "destroy")(h.h, 0, msg);
     if (!shown) {
-      *error = "offset " + std::to_string(pos) + ": " + name + " cannot be shown (error " + std::to_string(err) + ")";
+      *error = "offset " + std::to_string(pos) + ": " + name + " cannot be shown (error " +
+               std::to_string(err) + ")";
       return false;
     }
     pos += total;
@@ -95,7 +103,9 @@ bool encode(const std::string &xml, std::vector<uint8_t> &out, std::string *erro
     if (std::string(t.kind) != "message") continue;
     uint32_t count = 0;
     for (const char *at : {"/", "/bix_ipc_shim/"})
-      if (xml_get_element_nodecount(doc.doc, (std::string(at) + t.name).c_str(), &count) == 0 && count) break;
+      if (xml_get_element_nodecount(doc.doc, (std::string(at) + t.name).c_str(), &count) == 0 &&
+          count)
+        break;
     if (!count) continue;
     if (!name.empty() || count > 1) {
       *error = "the document holds more than one message";
@@ -116,10 +126,12 @@ bool encode(const std::string &xml, std::vector<uint8_t> &out, std::string *erro
     *error = name + ": " + (reason[0] ? reason : why(err)) + " (error " + std::to_string(err) + ")";
     return false;
   }
-  const uint32_t need = message_op<uint32_t (*)(wex_handle *, uint32_t, const void *)>(name, "len")(h.h, 0, msg);
+  const uint32_t need =
+      message_op<uint32_t (*)(wex_handle *, uint32_t, const void *)>(name, "len")(h.h, 0, msg);
   std::vector<uint8_t> wire(need);
   using Marshal = uint32_t (*)(wex_handle *, uint32_t, uint8_t *, void *, int32_t, uint32_t *);
-  const uint32_t n = message_op<Marshal>(name, "marshal")(h.h, 0, wire.data(), msg, static_cast<int32_t>(need), &err);
+  const uint32_t n = message_op<Marshal>(name, "marshal")(h.h, 0, wire.data(), msg,
+                                                          static_cast<int32_t>(need), &err);
   message_op<void (*)(wex_handle *, uint32_t, void *)>(name, "destroy")(h.h, 0, msg);
   if (err) {
     *error = name + ": cannot be encoded: " + why(err) + " (error " + std::to_string(err) + ")";

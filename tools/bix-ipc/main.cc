@@ -162,11 +162,12 @@ int cmd_annotate(const std::vector<std::string> &args) {
 }
 
 const Command kCommands[] = {
-    {"types", "", "Every type the loaded library registers: kind, name, LUID, instance size with\n"
-                  "state tracking off and on, latest variant.\n",
+    {"types", "",
+     "Every type the loaded library registers: kind, name, LUID, instance size with\n"
+     "state tracking off and on, latest variant.\n",
      cmd_types},
-    {"manifest", "LIBRARY_FILE", "The type manifest (section .orvik) carried in a built library file.\n",
-     cmd_manifest},
+    {"manifest", "LIBRARY_FILE",
+     "The type manifest (section .orvik) carried in a built library file.\n", cmd_manifest},
     {"decode", "[--xml] FILE|-",
      "Decodes encoded messages (any of the eleven, several back to back) and prints each\n"
      "one's text form, or with --xml its XML form. Stops at the first message that does not\n"
@@ -188,12 +189,15 @@ const Command kCommands[] = {
 int usage(FILE *to) {
   std::fputs(kOverview, to);
   std::fputs("\nusage:\n", to);
-  for (const Command &c : kCommands) std::fprintf(to, "  bix-ipc %s%s%s\n", c.name, *c.args ? " " : "", c.args);
+  for (const Command &c : kCommands)
+    std::fprintf(to, "  bix-ipc %s%s%s\n", c.name, *c.args ? " " : "", c.args);
   std::fputs("\n'bix-ipc COMMAND --help' describes one command.\n", to);
   return to == stdout ? 0 : 2;
 }
 
-bool is_help(const std::string &a) { return a == "--help" || a == "-h"; }
+bool is_help(const std::string &a) {
+  return a == "--help" || a == "-h";
+}
 
 }  // namespace
 

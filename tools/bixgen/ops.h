@@ -62,7 +62,7 @@ std::vector<OpSpec> wire_ops();        // ops_wire.cc: len/marshal/unmarshal
 std::vector<OpSpec> whole_ops();       // ops_whole.cc: get_all/set_all, compare, hash
 std::vector<OpSpec> clone_ops();       // ops_clone.cc: clone, copy, post-copy, offset_remove
 std::vector<OpSpec> text_ops();        // ops_text.cc: print, to_xml, from_xml
-std::vector<OpSpec> message_ops();     // ops_messages.cc: the operations of a message
+std::vector<OpSpec> message_ops();      // ops_messages.cc: the operations of a message
 std::vector<MemberOpSpec> member_ops(); // ops_messages.cc: per message member
 
 const std::vector<OpSpec> &type_ops();

@@ -9,14 +9,16 @@ namespace bixgen {
 
 std::vector<OpSpec> message_ops() {
   return {
-      {kOnMessage, "create", "$T *", HWS, "return static_cast<$T *>(bix::message_create($D, h, ws));",
+      {kOnMessage, "create", "$T *", HWS,
+       "return static_cast<$T *>(bix::message_create($D, h, ws));",
        "New message with all its members, or NULL (the null instance while h->cr_create is "
        "set). A member that cannot be created takes the message apart again: nothing leaks."},
       {kOnMessage, "create_cr", "$T *", "wex_handle *h",
        "return static_cast<$T *>(bix::message_create_cr($D, h));",
        "create with the handle's default_ws; the null instance on failure or pending error."},
       {kOnMessage, "create_unsafe", "$T *", HWS,
-       "return static_cast<$T *>(bix::message_create($D, h, ws));", "The same operation as create."},
+       "return static_cast<$T *>(bix::message_create($D, h, ws));",
+       "The same operation as create."},
       {kOnMessage, "create_shallow", "$T *", HWS,
        "return static_cast<$T *>(bix::message_create_shallow($D, h, ws));",
        "New message without members (every member slot empty), or NULL; no error stored."},
@@ -25,11 +27,13 @@ std::vector<OpSpec> message_ops() {
        "a message of another type: 22 in the handle, nothing freed."},
       {kOnMessage, "destroy_cr", "void", "wex_handle *h, $T *msg",
        "bix::message_destroy($D, h, h->default_ws, msg);", "destroy with the handle's default_ws."},
-      {kOnMessage, "destroy_unsafe", "void", HWS ", $T *msg", "bix::message_destroy($D, h, ws, msg);",
-       "The same operation as destroy."},
-      {kOnMessage, "is_valid_cr", "uint32_t", "wex_handle *h", "return bix::message_is_valid_cr($D, h);",
+      {kOnMessage, "destroy_unsafe", "void", HWS ", $T *msg",
+       "bix::message_destroy($D, h, ws, msg);", "The same operation as destroy."},
+      {kOnMessage, "is_valid_cr", "uint32_t", "wex_handle *h",
+       "return bix::message_is_valid_cr($D, h);",
        "Nonzero when the handle's domain admits the message."},
-      {kOnMessage, "len", "uint32_t", HWS ", const $T *msg", "return bix::message_len($D, h, ws, msg);",
+      {kOnMessage, "len", "uint32_t", HWS ", const $T *msg",
+       "return bix::message_len($D, h, ws, msg);",
        "Bytes the encoded message needs: 43 + the session header + the channel header + the "
        "body. An empty member slot counts nothing (marshal refuses it with 22)."},
       {kOnMessage, "len_cr", "uint32_t", "wex_handle *h, const $T *msg",
@@ -47,26 +51,31 @@ std::vector<OpSpec> message_ops() {
        "uint32_t n = bix::message_marshal($D, h, h->default_ws, buf, msg, len, &h->error); "
        "return h->error ? 0xFFFFFFFFu : n;",
        "marshal with default_ws and the handle's error; 0xFFFFFFFF when that is set afterwards."},
-      {kOnMessage, "marshal_unsafe", "uint32_t", HWS ", uint8_t *buf, $T *msg, int32_t len, uint32_t *err",
-       "return bix::message_marshal($D, h, ws, buf, msg, len, err);", "The same operation as marshal."},
+      {kOnMessage, "marshal_unsafe", "uint32_t",
+       HWS ", uint8_t *buf, $T *msg, int32_t len, uint32_t *err",
+       "return bix::message_marshal($D, h, ws, buf, msg, len, err);",
+       "The same operation as marshal."},
       {kOnMessage, "unmarshal_only", "uint32_t",
        HWS ", $T **msg, const uint8_t *buf, int32_t len, uint32_t *err",
-       "return bix::message_unmarshal_only($D, h, ws, reinterpret_cast<void **>(msg), buf, len, err);",
+       "return bix::message_unmarshal_only($D, h, ws, reinterpret_cast<void **>(msg), buf, len, "
+       "err);",
        "Decode a new message from buf (never past len; members are read within the total "
        "length its header carries). The LUID is not checked. The message goes to *msg, also "
        "when an error was stored on the way (the caller destroys it); with msg NULL it is "
        "destroyed here. Bytes consumed."},
       {kOnMessage, "unmarshal", "uint32_t",
        HWS ", uint64_t context, $T **msg, const uint8_t *buf, int32_t len, "
-       "bix_ipc_shim_message_handler_fn handler, uint32_t *err",
-       "return bix::message_unmarshal($D, h, ws, context, reinterpret_cast<void **>(msg), buf, len, "
+           "bix_ipc_shim_message_handler_fn handler, uint32_t *err",
+       "return bix::message_unmarshal($D, h, ws, context, reinterpret_cast<void **>(msg), buf, "
+       "len, "
        "handler, err);",
        "unmarshal_only, then, only without error: the message goes to *msg (msg may be NULL), "
        "is written to the runtime's recorder when it is on, and is handed to `handler`, else "
        "to the application's bix_ipc_shim_<msg>_message_handler, else 38 is stored. A decode "
        "that fails destroys the message (*msg stays NULL); so does 38 when msg is NULL, since "
        "nobody would own it. Bytes consumed."},
-      {kOnMessage, "print", "int32_t", HWS ", char *buf, const $T *msg, uint32_t len, uint32_t *err",
+      {kOnMessage, "print", "int32_t",
+       HWS ", char *buf, const $T *msg, uint32_t len, uint32_t *err",
        "return bix::message_print($D, h, ws, buf, msg, len, err);",
        "Text form: \"message@<msg>: {\" then each member at indentation 2, then \"}\". An error "
        "seen before a member becomes 90 and ends the member output. Characters written."},
@@ -75,9 +84,11 @@ std::vector<OpSpec> message_ops() {
        "buf, msg, len, e); });",
        "print with default_ws and the handle's error; 0 when that is set on entry, -1 when "
        "it is set afterwards."},
-      {kOnMessage, "print_unsafe", "int32_t", HWS ", char *buf, const $T *msg, uint32_t len, uint32_t *err",
+      {kOnMessage, "print_unsafe", "int32_t",
+       HWS ", char *buf, const $T *msg, uint32_t len, uint32_t *err",
        "return bix::message_print($D, h, ws, buf, msg, len, err);", "The same operation as print."},
-      {kOnMessage, "to_xml", "int32_t", HWS ", char *buf, const $T *msg, uint32_t len, uint32_t *err",
+      {kOnMessage, "to_xml", "int32_t",
+       HWS ", char *buf, const $T *msg, uint32_t len, uint32_t *err",
        "return bix::message_to_xml($D, h, ws, buf, msg, len, err);",
        "XML form: an element named after the message holding the member elements. Characters "
        "written."},
@@ -86,15 +97,19 @@ std::vector<OpSpec> message_ops() {
        "buf, msg, len, e); });",
        "to_xml with default_ws and the handle's error; 0 when that is set on entry, -1 when "
        "it is set afterwards."},
-      {kOnMessage, "to_xml_unsafe", "int32_t", HWS ", char *buf, const $T *msg, uint32_t len, uint32_t *err",
-       "return bix::message_to_xml($D, h, ws, buf, msg, len, err);", "The same operation as to_xml."},
-      {kOnMessage, "from_xml", "$T *", HWS ", void *doc, uint32_t *err, char *msgbuf, uint32_t msglen",
+      {kOnMessage, "to_xml_unsafe", "int32_t",
+       HWS ", char *buf, const $T *msg, uint32_t len, uint32_t *err",
+       "return bix::message_to_xml($D, h, ws, buf, msg, len, err);",
+       "The same operation as to_xml."},
+      {kOnMessage, "from_xml", "$T *",
+       HWS ", void *doc, uint32_t *err, char *msgbuf, uint32_t msglen",
        "return static_cast<$T *>(bix::message_from_xml($D, h, ws, doc, err, msgbuf, msglen));",
        "A new message filled from a parsed document: each member from the element named "
        "after it anywhere in the document (an absent one keeps its created values). 12 when "
        "the message cannot be created; a member that fails otherwise destroys the message "
        "again and returns NULL with that error."},
-      {kOnMessage, "from_xml_unsafe", "$T *", HWS ", void *doc, uint32_t *err, char *msgbuf, uint32_t msglen",
+      {kOnMessage, "from_xml_unsafe", "$T *",
+       HWS ", void *doc, uint32_t *err, char *msgbuf, uint32_t msglen",
        "return static_cast<$T *>(bix::message_from_xml($D, h, ws, doc, err, msgbuf, msglen));",
        "The same operation as from_xml."},
   };

@@ -319,7 +319,8 @@ std::vector<TracePoint> expanded_points(const Schema &s, const TraceTable &t) {
     if (ty.kind != TypeKind::Message) continue;
     for (auto p : t.points) {
       if (!p.each) continue;
-      for (size_t at; (at = p.text.find("<msg>")) != std::string::npos;) p.text.replace(at, 5, ty.name);
+      for (size_t at; (at = p.text.find("<msg>")) != std::string::npos;)
+        p.text.replace(at, 5, ty.name);
       out.push_back(p);
     }
   }
