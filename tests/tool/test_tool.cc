@@ -136,7 +136,7 @@ TEST(ToolDecode, RefusalsNameTheOffsetOfTheMessage) {
   std::string out, err;
   EXPECT_FALSE(bixipc::decode(two.data(), two.size(), false, out, &err));
   EXPECT_EQ(err, "offset " + std::to_string(e.wire.size()) +
-                     ": truncated or malformed message (error 74)");
+                     ": truncated or malformed input (error 74)");
   EXPECT_EQ(out, print_text(h, m, e.msg));  // the first message was shown
   two.assign(e.wire.begin(), e.wire.end());
   two[30] ^= 1;

@@ -23,19 +23,9 @@ struct Handle {
   wex_handle *h;
 };
 
-std::string why(uint32_t code) {
-  switch (code) {
-    case 2:
-      return "unknown message LUID";
-    case 12:
-      return "out of memory";
-    case 22:
-      return "invalid content";
-    case 74:
-      return "truncated or malformed message";
-    default:
-      return std::strerror(static_cast<int>(code));
-  }
+// What a code means here; receive stores 2 only for a LUID it does not know.
+std::string why(uint32_t code, bool receiving = false) {
+  return receiving && code == 2 ? "unknown message LUID" : bix_ipc_shim_error_text(code);
 }
 
 // The receiver owns what it decodes; the tool keeps the message from the out argument.
@@ -69,7 +59,7 @@ bool decode(const uint8_t *data, size_t size, bool xml, std::string &out, std::s
     uint32_t err = 0;
     bix_ipc_shim_message_receive(h.h, 0, 0, &msg, data + pos, room, keep, &err);
     if (err || !msg) {
-      *error = "offset " + std::to_string(pos) + ": " + why(err) + " (error " +
+      *error = "offset " + std::to_string(pos) + ": " + why(err, true) + " (error " +
                std::to_string(err) + ")";
       return false;
     }
