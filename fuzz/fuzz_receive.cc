@@ -14,9 +14,6 @@
 //            0x08 a handler is passed (else the library's default path: 38)
 //            0x10 no out argument: the handler (or nobody) owns the message
 //   fail     n > 0: the n-th allocation of the receive fails
-#include <sys/mman.h>
-#include <unistd.h>
-
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -28,54 +25,13 @@
 #include <vector>
 
 #include "../tests/messages/msg_support.h"
+#include "fuzz_support.h"
 #include "lumo.h"
 
 namespace {
 
-struct Counting {
-  std::map<void *, uint32_t> live;
-  uint32_t allocs = 0, fail_at = 0, refused = 0;
-};
-
-void require(bool ok, const char *what, const std::string &msg) {
-  if (ok) return;
-  std::fprintf(stderr, "fuzz invariant broken: %s (%s)\n", what, msg.c_str());
-  std::abort();
-}
-
-wex_handle *counting_handle(Counting &c, wex_sttr_profile *profile, bool indirect) {
-  wex_handle *h = wex_handle_new();
-  h->sttr_profile = profile;
-  h->types_indirect = indirect;
-  h->alloc_ctx = &c;
-  h->allocate = [](void *ctx, uint32_t, uint32_t size) -> void * {
-    auto *c = static_cast<Counting *>(ctx);
-    if (++c->allocs == c->fail_at) return ++c->refused, nullptr;
-    if (size > (16u << 20)) return nullptr;
-    void *p = std::malloc(size ? size : 1);
-    c->live[p] = size;
-    return p;
-  };
-  h->release = [](void *ctx, uint32_t, void *p) {
-    static_cast<Counting *>(ctx)->live.erase(p);
-    std::free(p);
-  };
-  return h;
-}
-
-// The last `len` bytes before a page that is not mapped.
-uint8_t *guarded(uint32_t len) {
-  static const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
-  static const size_t room = 64 * 1024;
-  static uint8_t *base = [] {
-    void *m =
-        mmap(nullptr, room + page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    if (m == MAP_FAILED) std::abort();
-    mprotect(static_cast<uint8_t *>(m) + room, page, PROT_NONE);
-    return static_cast<uint8_t *>(m);
-  }();
-  return len <= room ? base + room - len : nullptr;
-}
+using bixfuzz::Counting;
+using bixfuzz::require;
 
 struct Delivery {
   int calls = 0;
@@ -116,7 +72,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   const uint8_t opt = data[0];
   wex_sttr_profile profile{(opt & 0x01) ? WEX_STTR_ON : WEX_STTR_OFF};
   Counting c;
-  wex_handle *h = counting_handle(c, &profile, opt & 0x04);
+  wex_handle *h = bixfuzz::counting_handle(c, &profile, opt & 0x04);
   const size_t len = size - 2;
   std::unique_ptr<uint8_t[]> input(new uint8_t[len ? len : 1]);  // reads past it are caught
   std::memcpy(input.get(), data + 2, len);
@@ -153,7 +109,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
       m.to_xml(h, 0, text.data(), out, static_cast<uint32_t>(text.size()), &e);
       // Re-encoded into exactly its length: nothing past it (the guard page faults).
       const uint32_t need = m.len(h, 0, out);
-      if (uint8_t *exact = guarded(need)) {
+      if (uint8_t *exact = bixfuzz::guarded(need)) {
         e = 0;
         require(m.marshal(h, 0, exact, out, static_cast<int32_t>(need), &e) <= need,
                 "marshal wrote past len", m.name);
@@ -172,8 +128,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     }
   }
   require(c.live.empty(), "leak", what);
-  h->sttr_profile = nullptr;
-  wex_handle_free(h);
+  bixfuzz::free_handle(h);
   return 0;
 }
 

@@ -101,6 +101,25 @@ void *message_member(const TypeDesc &d, const void *msg, uint32_t m) {
   return p;
 }
 
+bool message_begin(const TypeDesc &d, wex_handle *h, uint32_t *&err, uint32_t &own, Te pending,
+                   bool named, const void *msg, MsgUse use) {
+  if (!err) err = &own;
+  if (*err) {
+    const char *why = std::strerror(static_cast<int>(*err));
+    if (named)
+      trace(d, pending, d.name, why);
+    else
+      trace(d, pending, why);
+    return false;
+  }
+  wex_clear_last_error(h);
+  const bool refused = use == MsgUse::kNone    ? false
+                       : use == MsgUse::kReads ? !msg || foreign_instance(d, msg)
+                                               : !msg || !is_instance_of(d, msg);
+  if (refused) store_err(h, err, 22);
+  return !refused;
+}
+
 void *message_create(const TypeDesc &d, wex_handle *h, uint32_t ws) {
   ensure_trace_module();
   void *holder = nullptr;

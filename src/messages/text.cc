@@ -11,10 +11,6 @@ namespace bix {
 
 namespace {
 
-const char *error_text(uint32_t code) {
-  return std::strerror(static_cast<int>(code));
-}
-
 // Empty member slots (a shallow or detached message) are left out of both forms.
 int32_t print_member(const MemberDesc &m, wex_handle *h, uint32_t ws, char *buf, const void *inst,
                      uint32_t room, uint32_t *err) {
@@ -34,17 +30,8 @@ int32_t member_to_xml(const MemberDesc &m, wex_handle *h, uint32_t ws, char *buf
 
 int32_t message_print(const TypeDesc &d, wex_handle *h, uint32_t ws, char *buf, const void *msg,
                       uint32_t len, uint32_t *err) {
-  uint32_t local = 0;
-  if (!err) err = &local;
-  if (*err) {
-    trace(d, Te::kPrintPending, error_text(*err));
-    return 0;
-  }
-  wex_clear_last_error(h);
-  if (!msg || foreign_instance(d, msg)) {
-    store_err(h, err, 22);
-    return 0;
-  }
+  uint32_t own = 0;
+  if (!message_begin(d, h, err, own, Te::kPrintPending, false, msg, MsgUse::kReads)) return 0;
   if (len > INT32_MAX) len = INT32_MAX;  // the writers count in int32
   uint32_t n = 0;
   auto room = [&] { return static_cast<int32_t>(len - n); };
@@ -67,17 +54,8 @@ int32_t message_print(const TypeDesc &d, wex_handle *h, uint32_t ws, char *buf, 
 
 int32_t message_to_xml(const TypeDesc &d, wex_handle *h, uint32_t ws, char *buf, const void *msg,
                        uint32_t len, uint32_t *err) {
-  uint32_t local = 0;
-  if (!err) err = &local;
-  if (*err) {
-    trace(d, Te::kToXmlPending, error_text(*err));
-    return 0;
-  }
-  wex_clear_last_error(h);
-  if (!msg || foreign_instance(d, msg)) {
-    store_err(h, err, 22);
-    return 0;
-  }
+  uint32_t own = 0;
+  if (!message_begin(d, h, err, own, Te::kToXmlPending, false, msg, MsgUse::kReads)) return 0;
   if (len > INT32_MAX) len = INT32_MAX;
   uint32_t n =
       static_cast<uint32_t>(start_tag(h, ws, buf, d.name, static_cast<int32_t>(len), 0, err));
@@ -90,13 +68,8 @@ int32_t message_to_xml(const TypeDesc &d, wex_handle *h, uint32_t ws, char *buf,
 
 void *message_from_xml(const TypeDesc &d, wex_handle *h, uint32_t ws, void *doc, uint32_t *err,
                        char *msgbuf, uint32_t msglen) {
-  uint32_t local = 0;
-  if (!err) err = &local;
-  if (*err) {
-    trace(d, Te::kFromXmlPending, error_text(*err));
-    return nullptr;
-  }
-  wex_clear_last_error(h);
+  uint32_t own = 0;
+  if (!message_begin(d, h, err, own, Te::kFromXmlPending, false)) return nullptr;
   if (!doc) {
     store_err(h, err, 22);
     return nullptr;

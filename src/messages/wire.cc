@@ -152,16 +152,11 @@ uint32_t message_len(const TypeDesc &d, wex_handle *h, uint32_t ws, const void *
 
 uint32_t message_marshal(const TypeDesc &d, wex_handle *h, uint32_t ws, uint8_t *buf, void *msg,
                          int32_t len, uint32_t *err) {
-  uint32_t local = 0;
-  if (!err) err = &local;
-  if (*err) {
-    trace(d, Te::kMarshalPending, error_text(*err));
-    return 0;
-  }
-  wex_clear_last_error(h);
+  uint32_t own = 0;
   // Marshal writes the message's header record: the shared null instance and messages of
   // another type are refused like every other writer refuses them.
-  if (!msg || !is_instance_of(d, msg) || (!buf && len > 0)) {
+  if (!message_begin(d, h, err, own, Te::kMarshalPending, false, msg, MsgUse::kWrites)) return 0;
+  if (!buf && len > 0) {
     store_err(h, err, 22);
     return 0;
   }
@@ -221,13 +216,8 @@ uint32_t message_marshal(const TypeDesc &d, wex_handle *h, uint32_t ws, uint8_t 
 
 uint32_t message_unmarshal_only(const TypeDesc &d, wex_handle *h, uint32_t ws, void **out,
                                 const uint8_t *buf, int32_t len, uint32_t *err) {
-  uint32_t local = 0;
-  if (!err) err = &local;
-  if (*err) {
-    trace(d, Te::kUnmarshalOnlyPending, d.name, error_text(*err));
-    return 0;
-  }
-  wex_clear_last_error(h);
+  uint32_t own = 0;
+  if (!message_begin(d, h, err, own, Te::kUnmarshalOnlyPending, true)) return 0;
   ensure_trace_module();
   void *msg = message_create_shallow(d, h, ws);
   if (!msg) {
@@ -245,13 +235,8 @@ uint32_t message_unmarshal_only(const TypeDesc &d, wex_handle *h, uint32_t ws, v
 uint32_t message_unmarshal(const TypeDesc &d, wex_handle *h, uint32_t ws, uint64_t context,
                            void **out, const uint8_t *buf, int32_t len, MessageHandler handler,
                            uint32_t *err) {
-  uint32_t local = 0;
-  if (!err) err = &local;
-  if (*err) {
-    trace(d, Te::kUnmarshalPending, d.name, error_text(*err));
-    return 0;
-  }
-  wex_clear_last_error(h);
+  uint32_t own = 0;
+  if (!message_begin(d, h, err, own, Te::kUnmarshalPending, true)) return 0;
   if (out) *out = nullptr;
   void *msg = nullptr;
   const uint32_t n = message_unmarshal_only(d, h, ws, &msg, buf, len, err);

@@ -22,6 +22,16 @@ void message_member_set(const TypeDesc &d, uint32_t m, wex_handle *h, uint32_t w
 // The member slot m of a message (the reference, possibly null).
 void *message_member(const TypeDesc &d, const void *msg, uint32_t m);
 
+// How an operation uses the message it is given, for the instance check of its entry.
+enum class MsgUse { kNone, kReads, kWrites };
+// The entry of every message operation with an error slot: a null slot becomes `own`; an
+// error already pending ends the operation after the message's `pending` trace (whose
+// arguments are the message's name when `named`, then the error's text); else the last
+// error is cleared and, per `use`, a null message or one of another type (a writer also
+// refuses the shared null instance) ends it with 22. True when the operation may run.
+bool message_begin(const TypeDesc &d, wex_handle *h, uint32_t *&err, uint32_t &own, Te pending,
+                   bool named, const void *msg = nullptr, MsgUse use = MsgUse::kNone);
+
 // ---- wire form, recording and dispatch (src/messages/wire.cc) ----
 uint32_t message_len(const TypeDesc &d, wex_handle *h, uint32_t ws, const void *msg);
 uint32_t message_marshal(const TypeDesc &d, wex_handle *h, uint32_t ws, uint8_t *buf, void *msg,
