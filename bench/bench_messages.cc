@@ -12,7 +12,7 @@
 // (ipc_shim_envm_sensor_data, a full sensor table). Ops: body_marshal, msg_marshal,
 // body_unmarshal (into a new body, as a message decode does: create, decode, destroy),
 // msg_unmarshal (unmarshal_only and destroy), msg_receive (by LUID, a handler, destroy),
-// msg_create (create and destroy).
+// msg_create (create and destroy) beside body_create (the body record's create and destroy).
 #include <benchmark/benchmark.h>
 #include <unistd.h>
 
@@ -36,7 +36,7 @@ struct Case {
 const Case kCases[] = {{"status_info", "ipc_shim_xcvr_status_info", 6},
                        {"envm_sensor_data", "ipc_shim_envm_sensor_data", 1}};
 
-const char *const kOps[] = {"body_marshal",  "body_unmarshal", "msg_marshal",
+const char *const kOps[] = {"body_marshal",  "body_unmarshal", "body_create", "msg_marshal",
                             "msg_unmarshal", "msg_receive",    "msg_create"};
 
 void keep_handler(wex_handle *, uint32_t, uint64_t, void *, uint32_t *) {}
@@ -79,6 +79,10 @@ class Subject {
       return body_marshal_fn(h, 0, out.data(), body, static_cast<int32_t>(body_wire.size()), err);
     if (op == "msg_marshal")
       return m.marshal(h, 0, out.data(), msg, static_cast<int32_t>(wire.size()), err);
+    if (op == "body_create") {
+      body_destroy(h, 0, body_create(h, 0));
+      return static_cast<uint32_t>(body_wire.size());
+    }
     if (op == "body_unmarshal") {
       void *b = body_create(h, 0);
       uint32_t n = body_unmarshal_fn(h, 0, body_wire.data(), b,
@@ -180,6 +184,7 @@ class RatioReporter : public benchmark::ConsoleReporter {
     if (op == "msg_marshal") return name.substr(0, slash + 1) + "body_marshal";
     if (op == "msg_unmarshal" || op == "msg_receive")
       return name.substr(0, slash + 1) + "body_unmarshal";
+    if (op == "msg_create") return name.substr(0, slash + 1) + "body_create";
     return "";
   }
   std::map<std::string, double> ns_;

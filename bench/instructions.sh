@@ -18,7 +18,7 @@
 #   bench/instructions.sh messages [-n N] [--tracking]
 #       message framing (bench_messages): marshal, unmarshal and receive of whole messages
 #       beside marshal and create + unmarshal + destroy of their body records, and create +
-#       destroy of a message
+#       destroy of a message beside that of its body
 #   bench/instructions.sh profile <op> <record> [-n N] [--per-element] [--tracking]
 #                                 [--lines FILE]...
 #       where one operation's instructions go: per function, instructions and calls per
@@ -189,14 +189,14 @@ messages_table() {
     local tflag=""
     [ "$t" = on ] && tflag=--tracking
     for r in status_info envm_sensor_data; do
-      for op in msg_create body_marshal msg_marshal body_unmarshal msg_unmarshal msg_receive; do
+      for op in body_marshal msg_marshal body_unmarshal msg_unmarshal msg_receive body_create msg_create; do
         jobs+=("$op $r - $t $tflag")
       done
     done
   done
   run_jobs "${jobs[@]}"
   print_rows "Message framing: instructions per operation (callgrind, (I(2N) - I(N)) / N, N = $N)" \
-    x_body "body_marshal body_unmarshal" "${jobs[@]}"
+    x_body "body_marshal body_unmarshal body_create" "${jobs[@]}"
 }
 
 profile() {
