@@ -15,6 +15,10 @@
 #       the text and XML forms of each record: to_xml, print, the runtime's document parse
 #       (xml_parse) and from_xml (its own count: parse and from_xml less the parse alone),
 #       over to_xml
+#   bench/instructions.sh messages [-n N] [--tracking]
+#       message framing (bench_messages): marshal, unmarshal and receive of whole messages
+#       beside marshal and create + unmarshal + destroy of their body records, and create +
+#       destroy of a message beside that of its body
 #   bench/instructions.sh profile <op> <record> [-n N] [--per-element] [--tracking]
 #                                 [--lines FILE]...
 #       where one operation's instructions go: per function, instructions and calls per
@@ -177,6 +181,24 @@ text_table() {
     x_to_xml "to_xml" "${jobs[@]}"
 }
 
+messages_table() {
+  table_options "$@"
+  BENCH_OPS=${BENCH_MESSAGES:-$(dirname "$BENCH_OPS")/bench_messages}
+  local jobs=()
+  for t in "${TRACKING_MODES[@]}"; do
+    local tflag=""
+    [ "$t" = on ] && tflag=--tracking
+    for r in status_info envm_sensor_data; do
+      for op in body_marshal msg_marshal body_unmarshal msg_unmarshal msg_receive body_create msg_create; do
+        jobs+=("$op $r - $t $tflag")
+      done
+    done
+  done
+  run_jobs "${jobs[@]}"
+  print_rows "Message framing: instructions per operation (callgrind, (I(2N) - I(N)) / N, N = $N)" \
+    x_body "body_marshal body_unmarshal body_create" "${jobs[@]}"
+}
+
 profile() {
   [ $# -ge 2 ] || { echo "usage: instructions.sh profile <op> <record> [-n N] [--per-element] [--tracking] [--lines FILE]" >&2; exit 2; }
   local op=$1 rec=$2
@@ -205,5 +227,6 @@ case "${1:-}" in
   profile) shift; profile "$@" ;;
   whole) shift; whole_table "$@" ;;
   text) shift; text_table "$@" ;;
+  messages) shift; messages_table "$@" ;;
   *) table "$@" ;;
 esac

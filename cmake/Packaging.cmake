@@ -37,7 +37,7 @@ includedir=${prefix}/@CMAKE_INSTALL_INCLUDEDIR@
 Name: bix_ipc_shim
 Description: Messages of the carrier-card inter-process channel
 Version: @PROJECT_VERSION@
-Libs: -L${libdir} -Wl,-rpath-link,${libdir} -lbix_ipc_shim -lwex -llumo
+Libs: -L${libdir} -Wl,-rpath-link,${libdir} -lbix_ipc_shim -lapp_sess -lwex -llumo
 Cflags: -I${includedir}
 ]=])
 configure_file(${CMAKE_CURRENT_BINARY_DIR}/bix_ipc_shim.pc.in ${CMAKE_CURRENT_BINARY_DIR}/bix_ipc_shim.pc @ONLY)

@@ -2,6 +2,8 @@
 #pragma once
 
 #include <dlfcn.h>
+#include <sys/mman.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -57,6 +59,21 @@ inline wex_handle *counting_handle(Counting &c, wex_sttr_profile *profile, bool 
     std::free(p);
   };
   return h;
+}
+
+// The last `len` bytes before a page that is not mapped: an encoder that writes one byte
+// past the room it was given faults at once. Null above 64 KiB.
+inline uint8_t *guarded(uint32_t len) {
+  static const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+  static const size_t room = 64 * 1024;
+  static uint8_t *base = [] {
+    void *m =
+        mmap(nullptr, room + page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (m == MAP_FAILED) std::abort();
+    mprotect(static_cast<uint8_t *>(m) + room, page, PROT_NONE);
+    return static_cast<uint8_t *>(m);
+  }();
+  return len <= room ? base + room - len : nullptr;
 }
 
 inline void free_handle(wex_handle *h) {

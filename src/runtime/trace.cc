@@ -26,20 +26,26 @@ namespace {
 const char *const kMainFormats[] = {
 #include "trace_main.def"
 };
-const char *const kStubFormats[] = {
-#include "trace_stub.def"
-};
 #undef BIX_TRACE
 #define BIX_TRACE(id, level, text) level,
 const uint32_t kMainLevels[] = {
 #include "trace_main.def"
 };
-const uint32_t kStubLevels[] = {
-#include "trace_stub.def"
-};
 #undef BIX_TRACE
 #undef BIX_TRACE_TABLE
+// The message table as bixgen lays it out: shared points, then one run per message.
+#define BIX_TRACE_TEXT(level, text) text,
+const char *const kStubFormats[] = {
+#include "trace_stub.inc"
+};
+#undef BIX_TRACE_TEXT
+#define BIX_TRACE_TEXT(level, text) level,
+const uint32_t kStubLevels[] = {
+#include "trace_stub.inc"
+};
+#undef BIX_TRACE_TEXT
 #define BIX_TRACE(id, level, text)
+#define BIX_TRACE_EACH(id, level, text)
 #define BIX_TRACE_TABLE(name, luid) luid
 constexpr char kMainLuid[] =
 #include "trace_main.def"
@@ -47,6 +53,7 @@ constexpr char kMainLuid[] =
 constexpr char kStubLuid[] =
 #include "trace_stub.def"
     ;
+#undef BIX_TRACE_EACH
 #undef BIX_TRACE
 #undef BIX_TRACE_TABLE
 #undef FATAL
@@ -84,6 +91,13 @@ uint16_t module_id() {
 }
 uint32_t idx(Tm id) { return static_cast<uint32_t>(id); }
 uint32_t idx(Ts id) { return static_cast<uint32_t>(id); }
+uint32_t idx(const TypeDesc &msg, Te id) {
+  return static_cast<uint32_t>(Ts::kSharedCount) +
+         msg.msg_index * static_cast<uint32_t>(Te::kRunLength) + static_cast<uint32_t>(id);
+}
+uint32_t stub_level(uint32_t i) {
+  return i < std::size(kStubLevels) ? kStubLevels[i] : LUMO_LEVEL_ERROR;
+}
 
 }  // namespace
 
@@ -110,8 +124,45 @@ void trace(Ts id, const char *a, const char *b, const char *c) {
   lumo_emit_s3(&kStubTable, idx(id), module_id(), kStubLevels[idx(id)], a, b, c);
 }
 
+void trace_u(Ts id, uint32_t a, uint32_t b) {
+  lumo_emit_i2(&kStubTable, idx(id), module_id(), kStubLevels[idx(id)], a, b);
+}
+void trace(const TypeDesc &msg, Te id) {
+  const uint32_t i = idx(msg, id);
+  lumo_emit(&kStubTable, i, module_id(), stub_level(i));
+}
+void trace(const TypeDesc &msg, Te id, const char *a) {
+  const uint32_t i = idx(msg, id);
+  lumo_emit_s1(&kStubTable, i, module_id(), stub_level(i), a);
+}
+void trace(const TypeDesc &msg, Te id, const char *a, const char *b, uint32_t level) {
+  const uint32_t i = idx(msg, id);
+  lumo_emit_s2(&kStubTable, i, module_id(), level == ~0u ? stub_level(i) : level, a, b);
+}
+void trace(const TypeDesc &msg, Te id, const char *a, const char *b, const char *c) {
+  const uint32_t i = idx(msg, id);
+  lumo_emit_s3(&kStubTable, i, module_id(), stub_level(i), a, b, c);
+}
+void trace_u(const TypeDesc &msg, Te id, uint32_t a) {
+  const uint32_t i = idx(msg, id);
+  lumo_emit_i1(&kStubTable, i, module_id(), stub_level(i), a);
+}
+void trace_u(const TypeDesc &msg, Te id, uint32_t a, uint32_t b) {
+  const uint32_t i = idx(msg, id);
+  lumo_emit_i2(&kStubTable, i, module_id(), stub_level(i), a, b);
+}
+
 void fatal(Tm id) {
   trace(id);
+  std::abort();
+}
+void fatal(Ts id) {
+  const uint32_t i = idx(id);
+  lumo_emit(&kStubTable, i, module_id(), kStubLevels[i]);
+  std::abort();
+}
+void fatal(const TypeDesc &msg, Te id) {
+  trace(msg, id);
   std::abort();
 }
 

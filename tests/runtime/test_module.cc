@@ -3,6 +3,7 @@
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -219,6 +220,48 @@ TEST(Manifest, TraceSectionsDecodeBackToTheTraceTexts) {
   ASSERT_LE(off + tlen, len + 1);
   EXPECT_STREQ(text + off, "Corrupted WEX Handle");
   EXPECT_EQ(tlen, sizeof("Corrupted WEX Handle"));
+  free(text);
+}
+
+}  // namespace
+
+namespace {
+
+// The message table holds its shared texts, then one run of texts per message, in schema
+// order, each with the message's own name in place.
+TEST(Manifest, MessageTraceTableHasOneRunPerMessage) {
+  std::string err;
+  auto bz = bixipc::read_elf_section(BIX_LIBRARY_FILE, ".lumo_format_strings", &err);
+  auto stub = bixipc::read_elf_section(BIX_LIBRARY_FILE,
+                                       ".lumo_luids_5e1f0a9b8c7d6e5f40312a2b3c4d5e6f", &err);
+  ASSERT_TRUE(bz && stub) << err;
+  char *text = nullptr;
+  size_t len = 0;
+  ASSERT_EQ(lumo_decode_format_strings(bz->data(), bz->size(), &text, &len), 0);
+  auto at = [&](size_t i) -> std::string {
+    const uint8_t *rec = stub->data() + 20 + 6 * i;
+    const uint32_t off = rec[2] | rec[3] << 8 | rec[4] << 16 | static_cast<uint32_t>(rec[5]) << 24;
+    return off < len ? text + off : "";
+  };
+  std::vector<std::string> messages;
+  for (const wex_type_info *t : bixtest::all_types())
+    if (std::string(t->kind) == "message") messages.push_back(t->type_name);
+  const size_t count = (*stub)[2] | (*stub)[3] << 8;
+  size_t shared = 0;
+  while (at(shared) != "Error present in call to message marshal: %s") ++shared;
+  const size_t run = (count - shared) / messages.size();
+  ASSERT_EQ(shared + run * messages.size(), count);
+  for (size_t m = 0; m < messages.size(); ++m) {
+    std::vector<std::string> texts;
+    for (size_t k = 0; k < run; ++k) texts.push_back(at(shared + m * run + k));
+    EXPECT_EQ(texts[0], "Error present in call to message marshal: %s");
+    EXPECT_NE(std::find(texts.begin(), texts.end(),
+                        "default bix_ipc_shim_" + messages[m] + "_message handler called"),
+              texts.end());
+    EXPECT_NE(std::find(texts.begin(), texts.end(),
+                        "Error %d " + messages[m] + " message not recorded, xml len %d"),
+              texts.end());
+  }
   free(text);
 }
 

@@ -142,8 +142,7 @@ std::optional<std::vector<uint8_t>> find_elf_section(std::span<const uint8_t> im
   return std::nullopt;
 }
 
-std::optional<std::vector<uint8_t>> read_elf_section(const std::string &path,
-                                                     const std::string &name, std::string *error) {
+std::optional<std::vector<uint8_t>> read_regular_file(const std::string &path, std::string *error) {
   // Opened without blocking and checked before anything is read: a FIFO, a device or a
   // directory given by mistake must not hang the tool or feed it endless bytes.
   int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
@@ -179,8 +178,15 @@ std::optional<std::vector<uint8_t>> read_elf_section(const std::string &path,
     }
     got += static_cast<size_t>(n);
   }
+  return image;
+}
+
+std::optional<std::vector<uint8_t>> read_elf_section(const std::string &path,
+                                                     const std::string &name, std::string *error) {
+  auto image = read_regular_file(path, error);
+  if (!image) return std::nullopt;
   std::string reason;
-  auto section = find_elf_section(image, name, &reason);
+  auto section = find_elf_section(*image, name, &reason);
   if (!section) fail(error, path + ": " + reason);
   return section;
 }

@@ -21,6 +21,11 @@ namespace bixipc {
 std::optional<std::vector<uint8_t>> find_elf_section(std::span<const uint8_t> image,
                                                      const std::string &name, std::string *error);
 
+// The contents of the regular file at `path` (a FIFO, device or directory is refused
+// before anything is read, so a mistaken argument cannot hang the tool). Errors are
+// prefixed "<path>: ".
+std::optional<std::vector<uint8_t>> read_regular_file(const std::string &path, std::string *error);
+
 // As find_elf_section, on the file at `path`. Errors are prefixed "<path>: ".
 std::optional<std::vector<uint8_t>> read_elf_section(const std::string &path,
                                                      const std::string &name, std::string *error);

@@ -61,9 +61,20 @@ unsigned kind_bit(const Type &t) {
     case TypeKind::Record: return kOnRecord;
     case TypeKind::Enum: return kOnEnum;
     case TypeKind::Flags: return kOnFlags;
-    default: return 0;
+    default: return kOnMessage;
   }
 }
+
+// The C name of a type, which also prefixes its operations: a message's is <msg>_message.
+std::string c_name(const Type &t) {
+  return t.name + (t.kind == TypeKind::Message ? "_message" : "");
+}
+
+// A message member's name (its type's, or app_sess_hdr) and C type.
+std::string member_name(const Type *m) { return m ? m->name : "app_sess_hdr"; }
+
+// The application's handler of a message, which the library references weakly.
+std::string handler_symbol(const Type &t) { return "bix_ipc_shim_" + t.name + "_message_handler"; }
 
 // The C type a field's get_value returns and set_value takes.
 std::string value_ctype(const Field &f) {
@@ -119,7 +130,13 @@ std::string expand(const std::string &tmpl, const Type &t) {
     s = replace_all(s, "$SET_ALL_INS", set.array);
     s = replace_all(s, "$SET_ALL_NAMES", set.names);
   }
-  return replace_all(replace_all(s, "$T", t.name), "$D", "bix::gen::td_" + t.name);
+  return replace_all(replace_all(s, "$T", c_name(t)), "$D", "bix::gen::td_" + t.name);
+}
+
+std::string expand_member(const char *tmpl, const Type *m, size_t index) {
+  std::string s = replace_all(tmpl, "$MT", member_name(m));
+  s = replace_all(s, "$MI", std::to_string(index));
+  return replace_all(s, "$M", member_name(m));
 }
 
 template <typename Fn>
@@ -129,8 +146,16 @@ void for_each_op(const Type &t, Fn &&fn) {
   };
   for (auto &op : type_ops()) {
     if (!(op.kinds & kind_bit(t))) continue;
-    fn(proto(expand(op.ret, t), t.name + "_" + op.suffix, expand(op.params, t)), expand(op.body, t),
-       expand(op.doc, t));
+    fn(proto(expand(op.ret, t), c_name(t) + "_" + op.suffix, expand(op.params, t)),
+       expand(op.body, t), expand(op.doc, t));
+  }
+  for (size_t i = 0; i < t.members.size(); ++i) {
+    const Type *m = t.members[i];
+    for (auto &op : all_member_ops())
+      fn(proto(expand(expand_member(op.ret, m, i), t),
+               c_name(t) + "_" + member_name(m) + "_" + op.suffix,
+               expand(expand_member(op.params, m, i), t)),
+         expand(expand_member(op.body, m, i), t), op.doc);
   }
   for (size_t i = 0; i < t.fields.size(); ++i) {
     const Field &f = t.fields[i];
@@ -193,7 +218,7 @@ std::string emit_public_header(const Schema &s) {
        " * schema; do not edit. Conventions: the wex handle comes first, the workspace id ws\n"
        " * second, the error slot last; _cr forms use the handle's default_ws and error. */\n"
        "#ifndef BIX_IPC_SHIM_H\n#define BIX_IPC_SHIM_H\n\n#include <stddef.h>\n#include <stdint.h>\n\n"
-       "#include \"wex.h\"\n\n"
+       "#include \"app_sess.h\"\n#include \"wex.h\"\n\n"
        "#ifdef __cplusplus\n#define BIX_LAYOUT_ASSERT(c) static_assert(c, #c)\nextern \"C\" {\n"
        "#else\n#define BIX_LAYOUT_ASSERT(c) _Static_assert(c, #c)\n#endif\n\n"
        "struct app_sess_hdr;\n\n";
@@ -274,6 +299,38 @@ std::string emit_public_header(const Schema &s) {
     o << "extern const char message_" << t.name << "_luid_text[33];\n";
     o << "extern const char message_" << t.name << "_name[64];\n";
   }
+  o << "\n/* ---- receiving messages ---- */\n"
+       "/* What a decoded message is handed to: (handle, ws, the context given to unmarshal,\n"
+       " * the message, the error slot). Who destroys the message is the application's\n"
+       " * convention: the handler, or the caller holding unmarshal's out argument. */\n"
+       "typedef void (*bix_ipc_shim_message_handler_fn)(wex_handle *h, uint32_t ws,\n"
+       "                                                uint64_t context, void *message,\n"
+       "                                                uint32_t *err);\n"
+       "/* Application handlers. The library references each weakly: an application that\n"
+       " * defines one receives every message of that kind that unmarshal decodes without a\n"
+       " * handler of its own; without either, unmarshal stores 38. */\n";
+  for (auto &t : s.types)
+    if (t.kind == TypeKind::Message)
+      o << "void " << handler_symbol(t)
+        << "(wex_handle *h, uint32_t ws, uint64_t context, void *message, uint32_t *err);\n";
+  o << "/* Receives any of the messages: reads the LUID at bytes 27..42 of buffer and runs\n"
+       " * that message's <msg>_message_unmarshal with these arguments (recording and\n"
+       " * dispatch included). Returns the bytes consumed. A buffer shorter than 43 bytes\n"
+       " * stores 74, an unknown LUID 2; both return 0 with *message (when given) NULL and\n"
+       " * call no handler. An error already in the slot: 0, nothing done. */\n"
+       "uint32_t bix_ipc_shim_message_receive(wex_handle *h, uint32_t ws, uint64_t context,\n"
+       "                                      void **message, const uint8_t *buffer,\n"
+       "                                      int32_t length,\n"
+       "                                      bix_ipc_shim_message_handler_fn handler,\n"
+       "                                      uint32_t *err);\n"
+       "/* The bundle handler registered last through this library, or NULL. */\n"
+       "extern app_sess_bundle_handler_fn bix_ipc_shim_bundle_registered_handler;\n"
+       "/* Registers handler with the session-header library (arguments forwarded as given);\n"
+       " * returns the handler this library registered before. */\n"
+       "app_sess_bundle_handler_fn bix_ipc_shim_bundle_handler_register(\n"
+       "    app_sess_bundle_handler_fn handler, void *ctx);\n"
+       "/* Unregisters it there; returns the handler this library registered before. */\n"
+       "app_sess_bundle_handler_fn bix_ipc_shim_bundle_handler_unregister(void);\n";
   o << "\n/* ---- module ---- */\n"
        "/* Register a copy of every type info record with the handle's registry. */\n"
        "void bix_ipc_shim_typeinfo_initialize(wex_handle *h, uint32_t ws, uint32_t *err);\n"
@@ -290,8 +347,7 @@ std::string emit_public_header(const Schema &s) {
 
   o << "/* ---- operations ---- */\n";
   for (auto &t : s.types) {
-    if (!kind_bit(t)) continue;
-    o << "/* " << t.name << " */\n";
+    o << "/* " << c_name(t) << " */\n";
     for_each_op(t, [&](const std::string &proto, const std::string &, const std::string &doc) {
       o << "/* " << doc << " */\n" << proto << ";\n";
     });
@@ -338,7 +394,13 @@ std::string emit_tables(const Schema &s) {
       << ex << ", " << sym << " + 16\\n\");\n";
     o << "alignas(16) static unsigned char null_" << t.name << "[" << t.fixed_size << "];\n\n";
   }
-  o << "namespace bix::gen {\n\n";
+  // The application's handlers: weak references, null when the application has none.
+  for (auto &t : s.types)
+    if (t.kind == TypeKind::Message)
+      o << "extern \"C\" __attribute__((weak, visibility(\"default\"))) void " << handler_symbol(t)
+        << "(wex_handle *, uint32_t, uint64_t, void *, uint32_t *);\n";
+  o << "\nnamespace bix::gen {\n\n";
+  uint16_t msg_index = 0;
   for (auto &t : s.types) {
     if (!t.fields.empty()) {
       o << "const FieldDesc fd_" << t.name << "[] = {\n";
@@ -363,7 +425,7 @@ std::string emit_tables(const Schema &s) {
       o << "static const MemberDesc mem_" << t.name << "[] = {\n";
       for (size_t i = 0; i < t.members.size(); ++i) {
         const Type *m = t.members[i];
-        o << "    {\"" << (m ? m->name : "app_sess_hdr") << "\", " << 32 + 8 * i << ", "
+        o << "    {\"" << member_name(m) << "\", " << t.member_offsets[i] << ", "
           << (m ? "&td_" + m->name : "nullptr") << "},\n";
       }
       o << "};\n";
@@ -378,7 +440,13 @@ std::string emit_tables(const Schema &s) {
       << (t.shifted ? "true" : "false") << ", "
       << (t.kind == TypeKind::Flags ? (t.literals.size() + 7) / 8 : 0) << ", "
       << (t.members.empty() ? "nullptr" : "mem_" + t.name) << ", " << t.members.size() << ", "
-      << t.wire_len_off << ", " << t.wire_len_on << "};\n\n";
+      << t.wire_len_off << ", " << t.wire_len_on << ", ";
+    if (t.kind == TypeKind::Message)
+      o << "message_" << t.name << "_luid, message_" << t.name << "_name, &" << handler_symbol(t)
+        << ", " << msg_index++;
+    else
+      o << "nullptr, nullptr, nullptr, 0";
+    o << "};\n\n";
   }
   o << "}  // namespace bix::gen\n\nnamespace bix {\n";
   o << "const TypeDesc *const kAllTypes[] = {\n";
@@ -413,14 +481,21 @@ std::string emit_facts(const Schema &s) {
   o << "// Generated by bixgen for tests: the computed layout of every type and field, so a\n"
        "// test can run one behaviour across every field of a kind.\n#pragma once\n#include <cstdint>\n\n"
        "namespace bixfacts {\n"
-       "struct Type { const char *name; const char *kind; uint32_t fixed_size, sttr_size; int latest; };\n"
+       "struct Type { const char *name; const char *kind; uint32_t fixed_size, sttr_size;\n"
+       "  int latest; const char *luid; uint32_t nliterals; bool shifted; };\n"
+       "// Enumeration literals and flag names (user value or flag number).\n"
+       "struct Literal { const char *type; const char *name; uint32_t user; };\n"
+       "// Members of each message in order; type null for the session header.\n"
+       "struct Member { const char *message; const char *name; const char *type;\n"
+       "  uint32_t offset; };\n"
        "struct Field { const char *type; const char *name; const char *kind; const char *prim;\n"
        "  uint32_t offset, count, elem_size, sttr, sttr_elems, sttr_areas, sttr_ptr;\n"
        "  const char *member; int link; bool in_get_all, in_set_all; };\n"
        "inline constexpr Type kTypes[] = {\n";
   for (auto &t : s.types)
     o << "    {\"" << t.name << "\", \"" << kind_text(t.kind) << "\", " << t.fixed_size << ", "
-      << t.sttr_size << ", " << t.latest_variant << "},\n";
+      << t.sttr_size << ", " << t.latest_variant << ", \"" << t.luid << "\", " << t.literals.size()
+      << ", " << (t.shifted ? "true" : "false") << "},\n";
   o << "};\ninline constexpr Field kFields[] = {\n";
   for (auto &t : s.types)
     for (auto &f : t.fields)
@@ -429,7 +504,26 @@ std::string emit_facts(const Schema &s) {
         << f.sttr << ", " << f.sttr_elems << ", " << f.sttr_areas << ", " << f.sttr_ptr << ", "
         << (f.type ? "\"" + f.type->name + "\"" : "nullptr") << ", " << f.link << ", "
         << (f.in_get_all ? "true" : "false") << ", " << (f.in_set_all ? "true" : "false") << "},\n";
+  o << "};\ninline constexpr Literal kLiterals[] = {\n";
+  for (auto &t : s.types)
+    for (auto &l : t.literals)
+      o << "    {\"" << t.name << "\", \"" << l.name << "\", " << l.user << "},\n";
+  o << "};\ninline constexpr Member kMembers[] = {\n";
+  for (auto &t : s.types)
+    for (size_t i = 0; i < t.members.size(); ++i)
+      o << "    {\"" << t.name << "\", \"" << member_name(t.members[i]) << "\", "
+        << (t.members[i] ? "\"" + t.members[i]->name + "\"" : "nullptr") << ", "
+        << t.member_offsets[i] << "},\n";
   o << "};\n}  // namespace bixfacts\n";
+  return o.str();
+}
+
+std::string emit_trace_texts(const Schema &s, const TraceTable &t) {
+  std::ostringstream o;
+  o << "// Generated by bixgen: the " << t.name << " trace table in index order, as the library\n"
+       "// hands it to the trace facility. BIX_TRACE_TEXT(level, \"format\")\n";
+  for (auto &p : expanded_points(s, t))
+    o << "BIX_TRACE_TEXT(" << p.level << ", \"" << p.text << "\")\n";
   return o.str();
 }
 
@@ -499,9 +593,10 @@ bool emit_sections(const Schema &s, const std::vector<TraceTable> &tables, std::
   for (auto &t : tables) {
     std::vector<uint8_t> sec;
     put16(sec, 1);  // version
-    put16(sec, static_cast<uint16_t>(t.points.size()));
+    const std::vector<TracePoint> points = expanded_points(s, t);
+    put16(sec, static_cast<uint16_t>(points.size()));
     for (size_t i = 0; i < 32; i += 2) sec.push_back(static_cast<uint8_t>(std::stoul(t.luid.substr(i, 2), nullptr, 16)));
-    for (auto &p : t.points) {
+    for (auto &p : points) {
       put16(sec, static_cast<uint16_t>(p.text.size() + 1));
       put32(sec, static_cast<uint32_t>(blob.size()));
       blob += p.text;
@@ -518,7 +613,7 @@ bool emit_sections(const Schema &s, const std::vector<TraceTable> &tables, std::
   asm_section(o, ".lumo_format_strings", "a", std::vector<uint8_t>(bz.begin(), bz.begin() + bzlen));
   std::vector<uint8_t> dec = {'L', 'U', 'M', 'O', 'D', 'E', 'C', '1'};
   size_t ntexts = 0;
-  for (auto &t : tables) ntexts += t.points.size();
+  for (auto &t : tables) ntexts += expanded_points(s, t).size();
   put16(dec, 1);  // version
   put16(dec, static_cast<uint16_t>(tables.size()));
   put32(dec, static_cast<uint32_t>(blob.size()));

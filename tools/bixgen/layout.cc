@@ -257,6 +257,7 @@ bool compute_layout(Schema &s) {
       case TypeKind::Message:
         // header, 16-byte header record at 16, one reference per member
         t.used = 32 + kPtr * static_cast<uint32_t>(t.members.size()), t.slop = 0;
+        for (uint32_t i = 0; i < t.members.size(); ++i) t.member_offsets.push_back(32 + kPtr * i);
         t.fixed_size = t.used;
         break;
     }

@@ -40,6 +40,8 @@ int main(int argc, char **argv) {
             write_if_changed(out + "/bix_tables.cc", emit_tables(s)) &&
             write_if_changed(out + "/bix_sections.cc", sections) &&
             write_if_changed(out + "/facts/bix_schema_facts.h", emit_facts(s));
+  for (auto &t : tables)
+    ok = ok && write_if_changed(out + "/trace_" + t.name + ".inc", emit_trace_texts(s, t));
   for (auto &t : s.types) ok = ok && write_if_changed(out + "/units/" + t.name + ".cc", emit_unit(s, t));
   return ok ? 0 : 1;
 }

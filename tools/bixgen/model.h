@@ -54,10 +54,12 @@ struct Type {
   bool has_embedded = false;
   uint32_t wire_len_off = 0, wire_len_on = 0;  // 0: depends on the instance
   std::vector<const Type *> members;  // message members (null for app_sess_hdr)
+  std::vector<uint32_t> member_offsets;  // where each member's reference lies
 };
 
 struct TracePoint {
-  std::string id, text;
+  std::string id, level, text;
+  bool each = false;  // one copy per message, with its name in place of <msg>
 };
 struct TraceTable {
   std::string name, luid;
@@ -78,6 +80,9 @@ struct Schema {
 bool parse_schema(const std::string &path, Schema &out);
 bool compute_layout(Schema &s);
 bool parse_trace_table(const std::string &path, TraceTable &out);
+// A table's trace points in index order: the shared ones, then one run of the
+// per-message ones for each message in schema order.
+std::vector<TracePoint> expanded_points(const Schema &s, const TraceTable &t);
 
 uint32_t prim_size(Prim p);
 const char *prim_name(Prim p);     // schema / codec name: u_int8 ...

@@ -287,7 +287,8 @@ bool parse_trace_table(const std::string &path, TraceTable &out) {
     return false;
   }
   static const std::regex table_re(R"re(^BIX_TRACE_TABLE\((\w+),\s*"([0-9a-f]{32})"\))re");
-  static const std::regex point_re(R"re(^BIX_TRACE\((\w+),\s*\w+,\s*"((?:[^"\\]|\\.)*)"\))re");
+  static const std::regex point_re(
+      R"re(^BIX_TRACE(_EACH)?\((\w+),\s*(\w+),\s*"((?:[^"\\]|\\.)*)"\))re");
   std::string line;
   int n = 0;
   while (std::getline(in, line)) {
@@ -297,7 +298,7 @@ bool parse_trace_table(const std::string &path, TraceTable &out) {
       out.name = m[1];
       out.luid = m[2];
     } else if (std::regex_search(line, m, point_re)) {
-      out.points.push_back({m[1], m[2]});
+      out.points.push_back({m[2], m[3], m[4], m[1].matched});
     } else if (line.rfind("BIX_TRACE", 0) == 0) {
       std::fprintf(stderr, "%s:%d: malformed trace line\n", path.c_str(), n);
       return false;
@@ -308,6 +309,22 @@ bool parse_trace_table(const std::string &path, TraceTable &out) {
     return false;
   }
   return true;
+}
+
+std::vector<TracePoint> expanded_points(const Schema &s, const TraceTable &t) {
+  std::vector<TracePoint> out;
+  for (auto &p : t.points)
+    if (!p.each) out.push_back(p);
+  for (auto &ty : s.types) {
+    if (ty.kind != TypeKind::Message) continue;
+    for (auto p : t.points) {
+      if (!p.each) continue;
+      for (size_t at; (at = p.text.find("<msg>")) != std::string::npos;)
+        p.text.replace(at, 5, ty.name);
+      out.push_back(p);
+    }
+  }
+  return out;
 }
 
 }  // namespace bixgen

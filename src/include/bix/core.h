@@ -18,10 +18,24 @@ enum class Tm : uint32_t {
 #undef BIX_TRACE
 #undef BIX_TRACE_TABLE
 };
+// Message traces shared by every message, then those each message has a copy of.
 enum class Ts : uint32_t {
 #define BIX_TRACE_TABLE(name, luid)
 #define BIX_TRACE(id, level, text) id,
+#define BIX_TRACE_EACH(id, level, text)
 #include "trace_stub.def"
+  kSharedCount
+#undef BIX_TRACE_EACH
+#undef BIX_TRACE
+#undef BIX_TRACE_TABLE
+};
+enum class Te : uint32_t {
+#define BIX_TRACE_TABLE(name, luid)
+#define BIX_TRACE(id, level, text)
+#define BIX_TRACE_EACH(id, level, text) id,
+#include "trace_stub.def"
+  kRunLength
+#undef BIX_TRACE_EACH
 #undef BIX_TRACE
 #undef BIX_TRACE_TABLE
 };
@@ -34,8 +48,19 @@ void trace_u(Tm id, uint32_t a, uint32_t b, uint32_t c);
 void trace(Ts id, const char *a);
 void trace(Ts id, const char *a, const char *b);
 void trace(Ts id, const char *a, const char *b, const char *c);
+void trace_u(Ts id, uint32_t a, uint32_t b);
+// A message's own copy of a trace point (its run in the table). The level is the
+// table's unless one is given.
+void trace(const TypeDesc &msg, Te id);
+void trace(const TypeDesc &msg, Te id, const char *a);
+void trace(const TypeDesc &msg, Te id, const char *a, const char *b, uint32_t level = ~0u);
+void trace(const TypeDesc &msg, Te id, const char *a, const char *b, const char *c);
+void trace_u(const TypeDesc &msg, Te id, uint32_t a);
+void trace_u(const TypeDesc &msg, Te id, uint32_t a, uint32_t b);
 // Emits a fatal trace point and aborts: the handle or a type info record is unusable.
 [[noreturn]] void fatal(Tm id);
+[[noreturn]] void fatal(Ts id);
+[[noreturn]] void fatal(const TypeDesc &msg, Te id);
 // Registers the library's trace module; cheap after the first call.
 int ensure_trace_module();
 
@@ -110,6 +135,7 @@ uint32_t enum_to_internal(const TypeDesc &d, uint32_t user);
 
 // Further families, one header each.
 #include "bix/access.h"
+#include "bix/message.h"
 #include "bix/text.h"
 #include "bix/values.h"
 #include "bix/whole.h"

@@ -93,6 +93,12 @@ struct MemberDesc {
   const TypeDesc *type;  // null for the session header (owned by app_sess)
 };
 
+// What a decoded message is handed to: (handle, ws, context, message, error slot).
+using MessageHandler = void (*)(wex_handle *, uint32_t, uint64_t, void *, uint32_t *);
+
+// Offset of the 16-byte header record inside every message instance.
+inline constexpr uint32_t kMsgHeaderRecord = 16;
+
 struct TypeDesc {
   const char *name;
   TypeKind kind;
@@ -116,6 +122,13 @@ struct TypeDesc {
   // instance (no variable array or union anywhere inside); 0 otherwise
   uint32_t wire_len_off;
   uint32_t wire_len_on;
+  // messages: the exported message objects, the application's handler (a weak
+  // reference, null unless the application defines it) and the message's position
+  // among the messages, which selects its run in the message trace table
+  const uint8_t *msg_luid;
+  const char *msg_name;
+  MessageHandler app_handler;
+  uint16_t msg_index;
 };
 
 // Generated: every type in registration-list order, null-terminated record list.
