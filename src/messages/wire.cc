@@ -17,11 +17,9 @@ namespace {
 
 constexpr int32_t kHeaderSize = WEX_MESSAGE_HEADER_SIZE;
 constexpr int32_t kLuidEnd = kHeaderSize + 16;
-// A record is built in a buffer of this many bytes first. Status, IDPROM and sensor
-// messages render to far more XML than that; instead of going unrecorded, such a record
-// is built again in a larger buffer, up to kRecordMax.
+// A record is at most this many bytes. Status, IDPROM and sensor messages render to far
+// more XML than that: they are not recorded, with the not-recorded trace.
 constexpr uint32_t kRecordSize = 4096;
-constexpr uint32_t kRecordMax = 1u << 20;
 
 const char *error_text(uint32_t code) {
   return std::strerror(static_cast<int>(code));
@@ -112,22 +110,10 @@ int32_t build_record(const TypeDesc &d, wex_handle *h, uint32_t ws, const void *
 // has an error slot of its own: a failed recording never fails the receive.
 void record(const TypeDesc &d, wex_handle *h, uint32_t ws, const void *msg) {
   if (!wexlib_msg_recorder_get_state()) return;
-  uint32_t size = kRecordSize;
-  char *buf = static_cast<char *>(wexlib_malloc(nullptr, ws, size));
+  char *buf = static_cast<char *>(wexlib_malloc(nullptr, ws, kRecordSize));
   if (!buf) fatal(d, Te::kRecordNoBuffer);
   uint32_t e = 0;
-  int32_t n = build_record(d, h, ws, msg, buf, size, &e);
-  while (e == 90 && size < kRecordMax) {  // did not fit: again, in four times the room
-    wexlib_free(nullptr, ws, buf);
-    size *= 4;
-    if (!(buf = static_cast<char *>(wexlib_malloc(nullptr, ws, size)))) {
-      e = 12;
-      n = 0;
-      break;
-    }
-    e = 0;
-    n = build_record(d, h, ws, msg, buf, size, &e);
-  }
+  const int32_t n = build_record(d, h, ws, msg, buf, kRecordSize, &e);
   if (!e) {
     if (std::FILE *f = wexlib_msg_recorder_get_handle())
       std::fwrite(buf, 1, static_cast<size_t>(n), f);
@@ -136,7 +122,7 @@ void record(const TypeDesc &d, wex_handle *h, uint32_t ws, const void *msg) {
   } else {
     trace_u(d, Te::kRecordNotBuilt, e, static_cast<uint32_t>(n));
   }
-  if (buf) wexlib_free(nullptr, ws, buf);
+  wexlib_free(nullptr, ws, buf);
   if (e) trace_u(d, Te::kRecordFailed, e);
 }
 
