@@ -17,6 +17,9 @@ install(FILES
   ${PROJECT_SOURCE_DIR}/platform/superfasthash/include/superfasthash.h
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 install(EXPORT bix_ipc_shimTargets NAMESPACE bix_ipc_shim:: DESTINATION ${BIX_CMAKE_DIR})
+# The guide and the reference generated from the schema.
+install(FILES ${BIX_REFERENCE_DOC} ${PROJECT_SOURCE_DIR}/docs/guide.md
+  DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/bix_ipc_shim)
 
 file(WRITE ${CMAKE_CURRENT_BINARY_DIR}/bix_ipc_shimConfig.cmake.in [=[
 @PACKAGE_INIT@

@@ -12,6 +12,7 @@ std::string emit_tables(const Schema &s);
 std::string emit_unit(const Schema &s, const Type &t);
 std::string manifest_text(const Schema &s);
 std::string emit_facts(const Schema &s);
+std::string emit_reference(const Schema &s);
 std::string emit_trace_texts(const Schema &s, const TraceTable &t);
 bool emit_sections(const Schema &s, const std::vector<TraceTable> &tables, std::string &out);
 }  // namespace bixgen

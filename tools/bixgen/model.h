@@ -21,6 +21,7 @@ struct Field {
   uint32_t count = 0;        // array bound, or alternative position
   std::string type_name;     // member type
   std::string link_name;     // counted-by field of a variable array
+  std::string doc;           // what the field means, from the schema line's "-- ..." part
   int line = 0;
   // resolved / computed
   const Type *type = nullptr;
@@ -33,12 +34,14 @@ struct Field {
 
 struct Literal {
   std::string name;
+  std::string doc;
   uint32_t user = 0;
   int since = 0;
 };
 
 struct Type {
   std::string name;
+  std::string doc;  // what the type is, from its head line's "-- ..." part
   TypeKind kind = TypeKind::Record;
   std::string luid, hash;
   uint32_t used = 0, slop = 0, size_off = 0, size_on = 0;  // identity data from the schema

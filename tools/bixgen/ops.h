@@ -66,6 +66,10 @@ std::vector<OpSpec> message_ops();      // ops_messages.cc: the operations of a 
 std::vector<MemberOpSpec> member_ops(); // ops_messages.cc: per message member
 
 const std::vector<OpSpec> &type_ops();
+// Operations of a type that the type runtime and generated code call rather than
+// applications (initialisation in place, offsets, variant plumbing, _unsafe twins, ...):
+// the header lists them after the application-facing ones.
+bool runtime_facing_op(const char *suffix);
 const std::vector<FieldOpSpec> &all_field_ops();
 const std::vector<MemberOpSpec> &all_member_ops();
 

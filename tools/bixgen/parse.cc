@@ -12,6 +12,7 @@ namespace {
 struct Lexer {
   std::string path;
   std::vector<std::pair<int, std::vector<std::string>>> lines;  // tokens per line
+  std::vector<std::string> docs;                                 // per line: its "-- ..." text
   size_t pos = 0;
   bool ok = true;
 
@@ -180,10 +181,18 @@ bool parse_schema(const std::string &path, Schema &out) {
     ++n;
     auto hash = raw.find('#');
     if (hash != std::string::npos) raw.resize(hash);
+    // "  -- text" ends a line with what its type, field or literal means.
+    std::string doc;
+    auto dashes = raw.find(" -- ");
+    if (dashes != std::string::npos) {
+      doc = raw.substr(dashes + 4);
+      doc.erase(0, doc.find_first_not_of(' '));
+      raw.resize(dashes);
+    }
     std::istringstream ss(raw);
     std::vector<std::string> toks;
     for (std::string tok; ss >> tok;) toks.push_back(tok);
-    if (!toks.empty()) lx.lines.push_back({n, toks});
+    if (!toks.empty()) lx.lines.push_back({n, toks}), lx.docs.push_back(doc);
   }
 
   for (size_t i = 0; i < lx.lines.size() && lx.ok; ++i) {
@@ -201,6 +210,7 @@ bool parse_schema(const std::string &path, Schema &out) {
     Type ty;
     ty.name = t[1];
     ty.line = line;
+    ty.doc = lx.docs[i];
     if (what == "record") ty.kind = TypeKind::Record;
     else if (what == "enum") ty.kind = TypeKind::Enum;
     else if (what == "flags") ty.kind = TypeKind::Flags;
@@ -235,13 +245,16 @@ bool parse_schema(const std::string &path, Schema &out) {
             Field f;
             f.line = bl;
             f.name = bt[0];
+            f.doc = lx.docs[i];
             f.kind = FieldKind::UnionAlt;
             f.type_name = bt[1];
             f.count = ++alt_pos;
             ty.fields.push_back(f);
           } else {
             bool opens = false;
-            if (parse_field(lx, bl, bt, ty, opens) && opens) {
+            const bool ok = parse_field(lx, bl, bt, ty, opens);
+            if (ok) ty.fields.back().doc = lx.docs[i];
+            if (ok && opens) {
               in_union = true;
               alt_pos = 0;
             }
@@ -250,6 +263,7 @@ bool parse_schema(const std::string &path, Schema &out) {
         case TypeKind::Enum: {
           Literal l;
           l.name = bt[0];
+          l.doc = lx.docs[i];
           if (bt.size() < 2 || !to_u32(bt[1], l.user)) {
             lx.error(bl, "literal needs a user value");
             break;
@@ -266,7 +280,7 @@ bool parse_schema(const std::string &path, Schema &out) {
         }
         case TypeKind::Flags:
           if (bt.size() != 1) lx.error(bl, "one flag name per line");
-          ty.literals.push_back({bt[0], static_cast<uint32_t>(ty.literals.size()), 0});
+          ty.literals.push_back({bt[0], lx.docs[i], static_cast<uint32_t>(ty.literals.size()), 0});
           break;
         case TypeKind::Message:
           for (auto &m : bt) ty.member_names.push_back(m);
