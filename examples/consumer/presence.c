@@ -15,7 +15,6 @@ int main(void) {
   uint32_t n = wex_xcvr_presence_info_marshal(h, 0, wire, sent, sizeof wire, &err);
   wex_xcvr_presence_info_unmarshal(h, 0, wire, got, (int32_t)n, 0, &err);
   char text[256];
-  wex_xcvr_presence_info_rc_get(h, 0, got, &err);
   printf("%u bytes, error %u, is_present %u\n", n, err,
          (unsigned)wex_xcvr_presence_info_is_present_get_value(h, 0, got, &err));
   wex_xcvr_rc_print_cr(h, &got->rc, text, sizeof text);

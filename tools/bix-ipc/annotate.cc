@@ -221,6 +221,16 @@ class Walker {
     end_check(base + jump, path);
     return std::max(pos, static_cast<size_t>(base + jump));
   }
+  // What a union selector selects, and the trap of its wire form: the value travels
+  // minus 1, so a sender's "nothing selected" (0) arrives as the first alternative.
+  void selector_note(const std::vector<const bixfacts::Field *> &fields, uint32_t user) {
+    std::string alt;
+    for (const bixfacts::Field *f : fields)
+      if (std::string(f->kind) == "UnionAlt" && f->count == user) alt = f->name;
+    out_ += "#   the selector above selects " + (alt.empty() ? std::string("no alternative") : alt) +
+            ". Wire 0 is also what a sender's selector 0 (none) becomes: always select an"
+            " alternative, WEX_XCVR_TYPE_NOSFP with nosfp_data for no module and error replies\n";
+  }
   void end_check(size_t to, const std::string &path) const {
     if (to > end_) throw Truncated{to, path + " jump points past the message"};
   }
@@ -244,6 +254,7 @@ class Walker {
         if (kind == "Prim") state(pos, states, label);
       } else if (kind == "Enum" || kind == "Selector" || kind == "Flags") {
         pos = leaf(pos, *type_named(f.member), label, &values[i]);
+        if (kind == "Selector") selector_note(fields, values[i]);
         state(pos, states, label);
       } else if (kind == "Record") {
         pos = record(pos, f.member, label);

@@ -67,7 +67,10 @@ int cmd_types(const std::vector<std::string> &) {
     std::printf("%-8s %-32s %-32s %7u %7u %6d\n", t->kind, t->type_name, t->luid_text,
                 instance_size(t, 0), instance_size(t, WEX_STTR_ON), latest);
   }
-  std::printf("%d types\n", n);
+  std::printf("%d types\n"
+              "sizeof/tracked: bytes an instance takes with state tracking off / on (what create\n"
+              "allocates); the manifest's size column is the used length rounded up to 8.\n",
+              n);
   return 0;
 }
 
@@ -76,6 +79,8 @@ int cmd_manifest(const std::vector<std::string> &args) {
   std::string err;
   auto section = bixipc::read_elf_section(path, ".orvik", &err);
   if (!section) {
+    if (err.ends_with("no section .orvik"))  // an ELF file, but not one of ours
+      err = std::string(path) + ": not a bix_ipc_shim library: no type manifest";
     std::fprintf(stderr, "bix-ipc: %s\n", err.c_str());
     return 1;
   }
@@ -90,6 +95,9 @@ int cmd_manifest(const std::vector<std::string> &args) {
                                                                   : "unknown record";
     std::printf("== record kind %u (%s), %zu bytes\n%s", r.kind, what, r.text.size() + 1,
                 r.text.c_str());
+    if (r.kind == bixipc::kManifestKindTypes)
+      std::printf("(each line: LUID:schema hash, kind, version:size; size is the used length of\n"
+                  " variant 0 rounded up to 8, not what create allocates: see bix-ipc types)\n");
     if (r.text.empty() || r.text.back() != '\n') std::printf("\n");
   }
   return 0;
