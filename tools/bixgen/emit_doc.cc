@@ -80,7 +80,8 @@ void enum_section(std::ostream &o, const Type &t) {
   o << "LUID " << code(t.luid) << "; latest variant " << t.latest_variant << ".";
   if (t.shifted)
     o << " The wire carries the user value minus 1 for the literals' values (any other value"
-         " travels unchanged).";
+         " travels unchanged), and the decoder adds 1 back: a stored 0, which the setters"
+         " accept, arrives as the first literal. Always set it.";
   o << "\n\n| Literal | User value | Wire value | Known from variant |\n|---|---|---|---|\n";
   for (auto &l : t.literals)
     o << "| " << code(l.name) << " | " << l.user << " | " << (t.shifted ? l.user - 1 : l.user) << " | "
