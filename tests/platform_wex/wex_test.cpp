@@ -5,11 +5,13 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <functional>
 #include <memory>
 #include <regex>
+#include <set>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -197,6 +199,47 @@ TEST_F(Wex, BulkArraysMatchElementByElementCalls) {
   EXPECT_EQ(
       (Codes{wex_u_int32_array_unmarshal(h, 0, buf, back, 2, 7, &err), err, back[0], back[1]}),
       (Codes{4, WEX_ERR_TRUNCATED, words[0], 0}));
+}
+
+// The declared byte form is what the items above write: the golden bytes of each
+// item agree with the widths and order it claims.
+TEST_F(Wex, ByteFormDeclaresWhatTheItemsWriteAndCanBeWithheld) {
+  const wex_byte_form *f = wex_byte_form_get(h);
+  ASSERT_NE(f, nullptr);
+  EXPECT_EQ(bytes(&f->version, 4), host(WEX_BYTE_FORM_VERSION));
+  EXPECT_EQ((Bytes{f->byte_order, f->variant_size, f->flags_size, f->jump_size, f->ra_size,
+                   f->twos_complement, f->header_direct}),
+            (Bytes{WEX_BYTE_ORDER_BIG, 1, 1, 4, 9, 1, 1}));
+  const int16_t minus2 = -2;
+  EXPECT_EQ((std::tuple{int16_marshal(h, 0, buf, &minus2, 64, &err), bytes(buf, 2)}),
+            (std::tuple{uint32_t{f->prim_size[2]}, Bytes{0xFF, 0xFE}}));
+  EXPECT_EQ(bytes(f->prim_size, 6), (Bytes{1, 1, 2, 2, 4, 4}));
+  // Withheld per handle, for a library to behave as on a runtime without the capability.
+  wex_handle_declare_byte_form(h, 0);
+  EXPECT_EQ(wex_byte_form_get(h), nullptr);
+  std::unique_ptr<wex_handle, decltype(&wex_handle_free)> other{wex_handle_new(), wex_handle_free};
+  EXPECT_EQ(wex_byte_form_get(other.get()), f);
+  wex_handle_declare_byte_form(h, 1);
+  EXPECT_EQ(wex_byte_form_get(h), f);
+}
+
+// Domain generations: 0 while no variant is set, and a value no domain had before after
+// every change, so a cache keyed by it never mixes two domains' answers.
+TEST_F(Wex, DomainGenerationsChangeWithEveryVariantSet) {
+  std::unique_ptr<wex_handle, decltype(&wex_handle_free)> other{wex_handle_new(), wex_handle_free};
+  wex_handle *h2 = other.get();
+  EXPECT_EQ((std::vector<uint64_t>{wex_domain_generation(h, &h->domain),
+                                   wex_domain_generation(h2, &h2->domain),
+                                   wex_domain_generation(h, nullptr)}),
+            (std::vector<uint64_t>{0, 0, 0}));
+  const char *luid = "0123456789abcdef0123456789abcdef";
+  std::vector<uint64_t> seen;
+  for (wex_handle *x : {h, h2, h, h})
+    wex_domain_set_variant(x, luid, 0), seen.push_back(wex_domain_generation(x, &x->domain));
+  EXPECT_EQ(std::set<uint64_t>(seen.begin(), seen.end()).size(), seen.size());
+  EXPECT_EQ(std::count(seen.begin(), seen.end(), 0), 0);
+  wex_domain_set_message_allowed(h, luid, 0);  // admission is not a variant answer
+  EXPECT_EQ(wex_domain_generation(h, &h->domain), seen.back());
 }
 
 // ---- Handle, errors, domains and instances ------------------------------------------

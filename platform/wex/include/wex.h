@@ -410,6 +410,52 @@ WEX_API uint32_t _wex_message_header_marshal(wex_handle *h, uint32_t ws, uint8_t
 WEX_API uint32_t _wex_message_header_unmarshal(wex_handle *h, uint32_t ws, const uint8_t *pos,
                                                void *header_record, int32_t len, uint32_t *err);
 
+/* ---- Byte form (optional capability) -------------------------------------
+ * What the items above look like, declared so that a generated library may
+ * write and read whole records itself instead of calling the writers and
+ * readers item by item. A library that finds no declaration (an older
+ * runtime, or wex_byte_form_get() answering NULL), or one whose form it does
+ * not know, keeps calling the items; both give the same bytes. Libraries
+ * refer to wex_byte_form_get and wex_domain_generation weakly.
+ *
+ * This runtime declares: network byte order, variant and flags items of one
+ * byte, a 4-byte jump, a 9-byte ra item, primitives of 1, 1, 2, 2, 4 and 4
+ * bytes in two's complement, and instance headers read directly
+ * (wex_get_instance_variant and wex_get_instance_obj_flag answer header bytes
+ * 8 and 10, wex_get_manifested_type_info_ptr_mem the instance address).
+ */
+#define WEX_BYTE_FORM_VERSION 1u
+#define WEX_BYTE_ORDER_BIG 1u
+#define WEX_BYTE_ORDER_LITTLE 2u
+
+typedef struct wex_byte_form {
+  uint32_t version;        /* WEX_BYTE_FORM_VERSION */
+  uint8_t byte_order;      /* of every multi-byte item and primitive */
+  uint8_t variant_size;    /* WEX_INSTANCE_VARIANT_SIZE */
+  uint8_t flags_size;      /* WEX_INSTANCE_OBJ_FLAG_SIZE */
+  uint8_t jump_size;       /* WEX_VARIANT_JUMP_SIZE */
+  uint8_t ra_size;         /* WEX_INSTANCE_RA_DATA_SIZE */
+  uint8_t prim_size[6];    /* int8, u_int8, int16, u_int16, int32, u_int32 */
+  uint8_t twos_complement; /* signed primitives */
+  uint8_t header_direct;   /* instance header queries read bytes 0..10 */
+  uint8_t reserved[3];
+} wex_byte_form;
+
+/* The byte form of the handle's items; NULL while the handle withholds it
+ * (wex_handle_declare_byte_form). Handles not made by wex_handle_new() get
+ * the form too. */
+WEX_API const wex_byte_form *wex_byte_form_get(const wex_handle *h);
+/* Test control: 0 makes the handle withhold its byte form (a library then
+ * behaves as on a runtime without the capability), nonzero declares it
+ * again. Default: declared. */
+WEX_API void wex_handle_declare_byte_form(wex_handle *h, int declare);
+/* An identity of what wex_domain_lookup_variant answers for the domain:
+ * equal generations give equal answers for every type (a type is known by
+ * its LUID), and every wex_domain_set_variant gives the domain a generation
+ * no domain had before. Domains without variants set share generation 0.
+ * A library may cache domain answers under it. */
+WEX_API uint64_t wex_domain_generation(const wex_handle *h, const wex_domain *domain);
+
 /* ---- Text and XML writers ----------------------------------------------- */
 
 WEX_API int32_t wex_print_space(wex_handle *h, uint32_t ws, char *pos, uint32_t indent,

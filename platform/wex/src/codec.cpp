@@ -288,6 +288,29 @@ uint32_t _wex_message_header_unmarshal(wex_handle *h, uint32_t, const uint8_t *p
   return WEX_MESSAGE_HEADER_SIZE;
 }
 
+const wex_byte_form *wex_byte_form_get(const wex_handle *h) {
+  static const wex_byte_form form = {WEX_BYTE_FORM_VERSION,
+                                     WEX_BYTE_ORDER_BIG,
+                                     WEX_INSTANCE_VARIANT_SIZE,
+                                     WEX_INSTANCE_OBJ_FLAG_SIZE,
+                                     WEX_VARIANT_JUMP_SIZE,
+                                     WEX_INSTANCE_RA_DATA_SIZE,
+                                     {1, 1, 2, 2, 4, 4},
+                                     1,
+                                     1,
+                                     {0, 0, 0}};
+  const wex::HandleState *s = wex::state_of(const_cast<wex_handle *>(h));
+  return s && s->byte_form_withheld ? nullptr : &form;
+}
+
+void wex_handle_declare_byte_form(wex_handle *h, int declare) {
+  if (wex::HandleState *s = wex::state_of(h)) s->byte_form_withheld = declare == 0;
+}
+
+uint64_t wex_domain_generation(const wex_handle *, const wex_domain *domain) {
+  return domain && domain->state ? domain->state->generation : 0;
+}
+
 #define WEX_PRIMITIVE_CODEC(P, T)                                                                  \
   void *P##_get(wex_handle *, uint32_t, void *field, uint32_t *err) {                              \
     return wex::pending(err) ? nullptr : field;                                                    \

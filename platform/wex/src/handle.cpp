@@ -179,6 +179,8 @@ void wex_domain_set_variant(wex_handle *h, const char *type_luid_text, int varia
     h->domain.state->variants[luid_key(type_luid_text)] = static_cast<int8_t>(clamped);
   } catch (...) {
   }
+  // Whatever was cached under the old generation no longer describes this domain.
+  h->domain.state->generation = wex::next_domain_generation();
 }
 
 void wex_domain_set_message_allowed(wex_handle *h, const char *msg_luid_text, int allowed) {

@@ -1,6 +1,7 @@
 // Private pieces shared by the runtime's translation units.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <cstring>
 #include <string>
@@ -30,9 +31,55 @@ struct wex_domain_state {
   // Keyed by LUID text; looked up with a view, so a lookup allocates nothing.
   std::unordered_map<std::string, int8_t, KeyHash, std::equal_to<>> variants;
   std::unordered_map<std::string, bool, KeyHash, std::equal_to<>> messages;
+  // Identifies the variant answers (wex_domain_generation); 0 until a variant is set.
+  uint64_t generation = 0;
 };
 
 namespace wex {
+
+// State-tracking offsets by instance address. Every tracked encode and decode asks for
+// one per nested record, so lookups are a multiply, a shift and a probe or two: open
+// addressing over a power-of-two table, never more than half full. Entries are only
+// added or overwritten (see HandleState).
+class OffsetMap {
+ public:
+  struct Entry {
+    const void *first = nullptr;  // null: a free slot (no instance lives at address 0)
+    uint32_t second = 0;
+  };
+  const Entry *end() const { return nullptr; }
+  const Entry *find(const void *key) const {
+    if (!key || slots_.empty()) return end();
+    for (size_t i = slot(key);; i = (i + 1) & mask()) {
+      if (slots_[i].first == key) return &slots_[i];
+      if (!slots_[i].first) return end();
+    }
+  }
+  // The entry for key, added with 0 when missing. May throw std::bad_alloc.
+  uint32_t &operator[](const void *key) {
+    if (2 * (used_ + 1) > slots_.size()) grow();
+    Entry *e = &slots_[slot(key)];
+    while (e->first && e->first != key) e = &slots_[(e - slots_.data() + 1) & mask()];
+    if (!e->first) e->first = key, ++used_;
+    return e->second;
+  }
+
+ private:
+  size_t mask() const { return slots_.size() - 1; }
+  size_t slot(const void *key) const {
+    const uint64_t h = (reinterpret_cast<uintptr_t>(key) >> 3) * 0x9E3779B97F4A7C15ull;
+    return static_cast<size_t>(h >> 32) & mask();
+  }
+  void grow() {
+    std::vector<Entry> old(slots_.empty() ? 64 : 2 * slots_.size());
+    old.swap(slots_);
+    used_ = 0;
+    for (const Entry &e : old)
+      if (e.first) (*this)[e.first] = e.second;
+  }
+  std::vector<Entry> slots_;
+  size_t used_ = 0;
+};
 
 struct HandleState {
   uint32_t last_error = 0;
@@ -40,9 +87,10 @@ struct HandleState {
   int suppress_messages = 0;
   uint32_t fail_next_mapping = 0;
   uint32_t sttr_offset_fail_in = 0;  // the n-th offset store from now fails; 0: none
+  bool byte_form_withheld = false;   // wex_handle_declare_byte_form(h, 0)
   // Offsets stay until overwritten or the handle goes; addresses of freed
   // instances are reused by later ones, which re-register theirs.
-  std::unordered_map<const void *, uint32_t> sttr_offsets;
+  OffsetMap sttr_offsets;
   std::unordered_map<const void *, uint32_t> oid_refs;
   std::unordered_set<const void *> hd_mappings;
   std::unordered_map<std::string, wex_type_info *> registry;
@@ -53,6 +101,12 @@ struct HandleState {
 
 inline HandleState *state_of(wex_handle *h) {
   return h ? static_cast<HandleState *>(h->priv) : nullptr;
+}
+
+// A generation no domain has had: drawn from one process-wide counter.
+inline uint64_t next_domain_generation() {
+  static std::atomic<uint64_t> last{0};
+  return last.fetch_add(1, std::memory_order_relaxed) + 1;
 }
 
 inline bool pending(const uint32_t *err) {
