@@ -3,6 +3,8 @@
 // inside the input, allocates no more than the input justifies, fails cleanly when an
 // allocation fails, leaks nothing, leaves an instance every accessor can read, and
 // anything it accepts re-encodes, into a buffer of exactly len bytes, to a stable string.
+// Every input is decoded (and re-encoded) twice: by the fast path and by the walker, which
+// must agree on results, allocations and the decoded instance.
 //
 // Input: [type][options][encoding...]
 //   type     the type is byte % N; with option 0x80, byte / N + 1 is the allocation that
@@ -26,7 +28,7 @@
 #include <string>
 #include <vector>
 
-#include "../tests/wire/fill.h"
+#include "../tests/wire/snapshot.h"
 #include "fuzz_support.h"
 #include "lumo.h"
 
@@ -74,25 +76,48 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   std::unique_ptr<uint8_t[]> input(new uint8_t[len ? len : 1]);
   std::memcpy(input.get(), data + 2, len);
 
-  void *inst = t.create(maker, 0);
-  require(inst, "create", t.name);
-  if ((opt & 0x08) && is_record) bixtest::fill(maker, t.name, inst, data[0], 1 + data[0] % 7);
-  const uint64_t before = c.bytes;
-  if (opt & 0x80) c.fail_at = c.allocs + 1 + data[0] / static_cast<uint32_t>(types.size());
-  uint32_t err = 0;
-  const uint32_t reuse = (opt & 0x04) ? 1 : 0;
-  uint32_t used = t.unmarshal(h, 0, input.get(), inst, static_cast<int32_t>(len), reuse, &err);
-  require(used <= len, "decoder consumed more than it was given", t.name);
-  require(!c.refused || err, "a refused allocation went unreported", t.name);
-  if (opt & 0x20) {  // again, into what the first decode left
-    uint32_t err2 = 0;
-    require(t.unmarshal(h, 0, input.get(), inst, static_cast<int32_t>(len), reuse, &err2) <= len,
-            "second decode consumed more than it was given", t.name);
+  // The instance decoded into, and its twin that the walker decodes into: the fast path
+  // and the walker must leave both alike, with the same results.
+  void *inst = t.create(maker, 0), *twin = t.create(maker, 0);
+  require(inst && twin, "create", t.name);
+  if ((opt & 0x08) && is_record) {
+    bixtest::fill(maker, t.name, inst, data[0], 1 + data[0] % 7);
+    bixtest::fill(maker, t.name, twin, data[0], 1 + data[0] % 7);
   }
-  c.fail_at = 0;
+  const uint32_t reuse = (opt & 0x04) ? 1 : 0;
+  struct Decoded {
+    uint32_t used = 0, err = 0, used2 = 0, err2 = 0, refused = 0;
+    uint64_t bytes = 0;
+    bool operator==(const Decoded &) const = default;
+  };
+  auto decode = [&](void *target, bool fast) {
+    wex_handle_declare_byte_form(h, fast);
+    Decoded r;
+    const uint64_t bytes = c.bytes;
+    const uint32_t refused = c.refused;
+    if (opt & 0x80) c.fail_at = c.allocs + 1 + data[0] / static_cast<uint32_t>(types.size());
+    r.used = t.unmarshal(h, 0, input.get(), target, static_cast<int32_t>(len), reuse, &r.err);
+    if (opt & 0x20)  // again, into what the first decode left
+      r.used2 = t.unmarshal(h, 0, input.get(), target, static_cast<int32_t>(len), reuse, &r.err2);
+    c.fail_at = 0;
+    r.refused = c.refused - refused;
+    r.bytes = c.bytes - bytes;
+    wex_handle_declare_byte_form(h, 1);
+    return r;
+  };
+  const Decoded got = decode(inst, true);
+  require(got == decode(twin, false) &&
+              bixtest::snapshot(maker, t.name, inst) == bixtest::snapshot(maker, t.name, twin),
+          "the fast path and the walker decode differently", t.name);
+  t.destroy(h, 0, twin);
+  const uint32_t used = got.used;
+  uint32_t err = got.err;
+  require(used <= len, "decoder consumed more than it was given", t.name);
+  require(!got.refused || err, "a refused allocation went unreported", t.name);
+  require(got.used2 <= len, "second decode consumed more than it was given", t.name);
   // Alternatives are instances of a bounded size; everything else must be paid for by
   // input bytes (twice with a second decode).
-  require(c.bytes - before <= 2 * (7u * 4096 + 2 * len), "allocation beyond what the input justifies",
+  require(got.bytes <= 2 * (7u * 4096 + 2 * len), "allocation beyond what the input justifies",
           t.name);
   if (opt & 0x40) bixfuzz::read_back(h, t.name, inst);
 
@@ -103,6 +128,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     std::vector<uint8_t> first(2 * need + 1024), second(2 * need + 1024);
     uint32_t e1 = 0, e2 = 0, e3 = 0, e4 = 0;
     uint32_t n1 = t.marshal(h, 0, first.data(), inst, static_cast<int32_t>(first.size()), &e1);
+    {  // the walker writes the same
+      std::vector<uint8_t> ref(first.size());
+      uint32_t e0 = 0;
+      wex_handle_declare_byte_form(h, 0);
+      const uint32_t n0 = t.marshal(h, 0, ref.data(), inst, static_cast<int32_t>(ref.size()), &e0);
+      const uint32_t need0 = t.len(h, 0, inst);
+      wex_handle_declare_byte_form(h, 1);
+      require(n0 == n1 && e0 == e1 && need0 == need && ref == first,
+              "the fast path and the walker encode differently", t.name);
+    }
     if (uint8_t *exact = guarded(need)) {
       uint32_t n0 = t.marshal(h, 0, exact, inst, static_cast<int32_t>(need), &e4);
       require(n0 <= need, "encoder wrote past the room it was given", t.name);

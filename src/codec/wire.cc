@@ -377,7 +377,7 @@ bool unmarshal_fields(const TypeDesc &d, Decoder &dc, uint8_t *b, uint8_t *area)
 
 bool bulk_codecs_in_use() { return codecs()[static_cast<size_t>(Prim::U8)].bulk_marshal != nullptr; }
 
-uint32_t record_len(const TypeDesc &d, wex_handle *h, uint32_t ws, const void *inst) {
+uint32_t walker_len(const TypeDesc &d, wex_handle *h, uint32_t ws, const void *inst) {
   int8_t v = wex_get_instance_variant(inst, 1, 0);
   bool states = tracking_on(h) && inst && v >= 0;
   // An instance of another type is measured as no instance: its fields are not ours.
@@ -389,7 +389,7 @@ uint32_t record_len(const TypeDesc &d, wex_handle *h, uint32_t ws, const void *i
   return n;
 }
 
-uint32_t record_marshal(const TypeDesc &d, wex_handle *h, uint32_t ws, uint8_t *buf,
+uint32_t walker_marshal(const TypeDesc &d, wex_handle *h, uint32_t ws, uint8_t *buf,
                         const void *inst, int32_t len, uint32_t *err, bool clone) {
   if (!codec_begin(d, h, err, inst, len, false)) return 0;
   Encoder e{codecs(), h, ws, buf, len, err};
@@ -430,7 +430,7 @@ uint32_t record_marshal(const TypeDesc &d, wex_handle *h, uint32_t ws, uint8_t *
   return e.pos;
 }
 
-uint32_t record_unmarshal(const TypeDesc &d, wex_handle *h, uint32_t ws, const uint8_t *buf,
+uint32_t walker_unmarshal(const TypeDesc &d, wex_handle *h, uint32_t ws, const uint8_t *buf,
                           void *inst, int32_t len, uint32_t reuse, uint32_t *err) {
   if (!codec_begin(d, h, err, inst, len, true)) return 0;
   Decoder dc{codecs(), h, ws, buf, len, reuse, err};

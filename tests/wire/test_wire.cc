@@ -5,26 +5,11 @@
 #include <algorithm>
 #include <memory>
 
-#include "fill.h"
+#include "wire_support.h"
 
 using namespace bixtest;
 
 namespace {
-
-using CreateFn = void *(*)(wex_handle *, uint32_t);
-using DestroyFn = void (*)(wex_handle *, uint32_t, void *);
-using LenFn = uint32_t (*)(wex_handle *, uint32_t, const void *);
-using MarshalFn = uint32_t (*)(wex_handle *, uint32_t, uint8_t *, const void *, int32_t, uint32_t *);
-using UnmarshalFn = uint32_t (*)(wex_handle *, uint32_t, const uint8_t *, void *, int32_t, uint32_t,
-                                 uint32_t *);
-using Bytes = std::vector<uint8_t>;
-
-std::vector<std::string> records() {
-  std::vector<std::string> out;
-  for (const auto &t : bixfacts::kTypes)
-    if (std::string(t.kind) == "type") out.push_back(t.name);
-  return out;
-}
 
 Bytes encode(wex_handle *h, const std::string &type, const void *inst, uint32_t *err,
              const char *form = "marshal") {

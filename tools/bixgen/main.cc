@@ -34,8 +34,9 @@ int main(int argc, char **argv) {
   fs::create_directories(fs::path(out) / "units");
   fs::create_directories(fs::path(out) / "facts");
   fs::create_directories(fs::path(out) / "doc");
-  std::string sections;
-  bool ok = emit_sections(s, tables, sections) &&
+  std::string sections, plans;
+  bool ok = emit_sections(s, tables, sections) && emit_plans(s, plans) &&
+            write_if_changed(out + "/bix_plans.h", plans) &&
             write_if_changed(out + "/include/bix_ipc_shim.h", emit_public_header(s)) &&
             write_if_changed(out + "/bix_gen.h", emit_internal_header(s)) &&
             write_if_changed(out + "/bix_tables.cc", emit_tables(s)) &&

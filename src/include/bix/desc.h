@@ -56,6 +56,9 @@ enum class FieldKind : uint8_t {
 enum class TypeKind : uint8_t { Record, Enum, Flags, Message };
 
 struct TypeDesc;
+namespace fast {
+struct FastOps;
+}
 
 struct FieldDesc {
   const char *name;
@@ -129,6 +132,8 @@ struct TypeDesc {
   const char *msg_name;
   MessageHandler app_handler;
   uint16_t msg_index;
+  uint16_t id;                // position in kAllTypes
+  const fast::FastOps *fast;  // records: the generated fast path of the wire codec
 };
 
 // Generated: every type in registration-list order, null-terminated record list.

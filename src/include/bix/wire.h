@@ -34,11 +34,23 @@ uint32_t leaf_unmarshal(const TypeDesc &d, wex_handle *h, uint32_t ws, const uin
                         void *inst, int32_t len, uint32_t reuse, uint32_t *err);
 
 // Records. `clone` skips the domain check for the record itself (members keep it).
+// These take the generated fast path (fast.cc) when the runtime declares a byte form the
+// library knows and the instance is the common case, and the walker otherwise.
 uint32_t record_len(const TypeDesc &d, wex_handle *h, uint32_t ws, const void *inst);
 uint32_t record_marshal(const TypeDesc &d, wex_handle *h, uint32_t ws, uint8_t *buf,
                         const void *inst, int32_t len, uint32_t *err, bool clone);
 uint32_t record_unmarshal(const TypeDesc &d, wex_handle *h, uint32_t ws, const uint8_t *buf,
                           void *inst, int32_t len, uint32_t reuse, uint32_t *err);
+
+// The walker: the reference for every case, one pass over the field descriptors (wire.cc).
+// Its members go through the entry points above.
+uint32_t walker_len(const TypeDesc &d, wex_handle *h, uint32_t ws, const void *inst);
+uint32_t walker_marshal(const TypeDesc &d, wex_handle *h, uint32_t ws, uint8_t *buf,
+                        const void *inst, int32_t len, uint32_t *err, bool clone);
+uint32_t walker_unmarshal(const TypeDesc &d, wex_handle *h, uint32_t ws, const uint8_t *buf,
+                          void *inst, int32_t len, uint32_t reuse, uint32_t *err);
+
+// BIX_IPC_SHIM_NO_FAST=1 in the environment (read once) keeps every call on the walker.
 
 // Whether the runtime's bulk array codecs are used (they are optional; the per-element
 // path produces identical bytes). BIX_IPC_SHIM_NO_BULK=1 in the environment forces the

@@ -1,0 +1,27 @@
+// What the wire tests share: the record operations by name, and the list of records.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "fill.h"
+
+namespace bixtest {
+
+using CreateFn = void *(*)(wex_handle *, uint32_t);
+using DestroyFn = void (*)(wex_handle *, uint32_t, void *);
+using LenFn = uint32_t (*)(wex_handle *, uint32_t, const void *);
+using MarshalFn = uint32_t (*)(wex_handle *, uint32_t, uint8_t *, const void *, int32_t, uint32_t *);
+using UnmarshalFn = uint32_t (*)(wex_handle *, uint32_t, const uint8_t *, void *, int32_t, uint32_t,
+                                 uint32_t *);
+using Bytes = std::vector<uint8_t>;
+
+// Every record type, in schema order.
+inline std::vector<std::string> records() {
+  std::vector<std::string> out;
+  for (const auto &t : bixfacts::kTypes)
+    if (std::string(t.kind) == "type") out.push_back(t.name);
+  return out;
+}
+
+}  // namespace bixtest
