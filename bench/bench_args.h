@@ -12,8 +12,9 @@
 namespace bixbench {
 
 // --per-element: the per-element primitive codecs; --tracking: also measure state
-// tracking on. False when an argument is not understood.
-inline bool init_benchmark(int argc, char **argv, bool *tracking) {
+// tracking on; --walker (where the driver passes `walker`): the record codec's walker
+// instead of its fast path. False when an argument is not understood.
+inline bool init_benchmark(int argc, char **argv, bool *tracking, bool *walker = nullptr) {
   bool min_time_given = false;
   std::vector<char *> args;
   for (int i = 0; i < argc; ++i) {
@@ -21,6 +22,8 @@ inline bool init_benchmark(int argc, char **argv, bool *tracking) {
       use_per_element_codecs();
     } else if (i > 0 && std::strcmp(argv[i], "--tracking") == 0) {
       *tracking = true;
+    } else if (i > 0 && walker && std::strcmp(argv[i], "--walker") == 0) {
+      *walker = true;
     } else {
       if (std::strncmp(argv[i], "--benchmark_min_time", 20) == 0) min_time_given = true;
       args.push_back(argv[i]);

@@ -2,16 +2,18 @@
 // else, so that two runs under callgrind with N and 2N iterations differ by exactly N
 // operations (bench/instructions.sh).
 //
-//   bench_ops <op> <record> <iterations> [--per-element] [--tracking]
+//   bench_ops <op> <record> <iterations> [--walker] [--per-element] [--tracking]
 //
-// <op>: memcpy, len, marshal, unmarshal (the wire codec), or a whole-object operation with
-// its baseline: marshal_unmarshal, clone (clone_cr and destroy), copy (copy_cr), memcmp,
-// compare, superfasthash, hash (memcmp and SuperFastHash over the bytes compare and hash
-// walk), or a text form: print, to_xml, xml_parse (the runtime's document parse) or from_xml
-// (which parses its document each time too: its own count is the difference of the two).
+// <op>: memcpy, len, marshal, unmarshal, cud (the wire codec; cud is create, unmarshal and
+// destroy of a fresh instance), or a whole-object operation with its baseline:
+// marshal_unmarshal, clone (clone_cr and destroy), copy (copy_cr), memcmp, compare,
+// superfasthash, hash (memcmp and SuperFastHash over the bytes compare and hash walk), or a
+// text form: print, to_xml, xml_parse (the runtime's document parse) or from_xml (which
+// parses its document each time too: its own count is the difference of the two).
 //
 // <record> is a case label (status_info, envm_sensor_data, shim_data_1k) or its type name.
-// memcpy copies as many bytes as the record's encoding holds.
+// memcpy copies as many bytes as the record's encoding holds. --walker: the record codec's
+// reference walker instead of its fast path (the handle withholds the runtime's byte form).
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -23,8 +25,9 @@ namespace {
 
 int usage() {
   std::fprintf(stderr,
-               "usage: bench_ops <op> <record> <iterations> [--per-element] [--tracking]\n"
-               "ops: memcpy len marshal unmarshal marshal_unmarshal clone copy memcmp compare "
+               "usage: bench_ops <op> <record> <iterations> [--walker] [--per-element] "
+               "[--tracking]\n"
+               "ops: memcpy len marshal unmarshal cud marshal_unmarshal clone copy memcmp compare "
                "superfasthash hash print to_xml xml_parse from_xml\nrecords:");
   for (const auto &c : bixbench::cases()) std::fprintf(stderr, " %s", c.label);
   std::fprintf(stderr, "\n");
@@ -40,7 +43,7 @@ void keep(T const &v) {
 }  // namespace
 
 int main(int argc, char **argv) {
-  bool tracking = false;
+  bool tracking = false, walker = false;
   std::string pos[3];
   int npos = 0;
   for (int i = 1; i < argc; ++i) {
@@ -48,6 +51,8 @@ int main(int argc, char **argv) {
       bixbench::use_per_element_codecs();  // before any library call
     else if (std::strcmp(argv[i], "--tracking") == 0)
       tracking = true;
+    else if (std::strcmp(argv[i], "--walker") == 0)
+      walker = true;
     else if (npos < 3)
       pos[npos++] = argv[i];
     else
@@ -61,10 +66,11 @@ int main(int argc, char **argv) {
   const bixbench::WholeOp *whole = bixbench::find_whole_op(op);
   const bool form = op == "print" || op == "to_xml" || op == "xml_parse" || op == "from_xml";
   if (!c || *end ||
-      (!whole && !form && op != "memcpy" && op != "len" && op != "marshal" && op != "unmarshal"))
+      (!whole && !form && op != "memcpy" && op != "len" && op != "marshal" && op != "unmarshal" &&
+       op != "cud"))
     return usage();
 
-  bixbench::Subject s(*c, tracking);
+  bixbench::Subject s(*c, tracking, walker);
   if (!s.error.empty()) {
     std::fprintf(stderr, "bench_ops: %s\n", s.error.c_str());
     return 1;
@@ -140,10 +146,16 @@ int main(int argc, char **argv) {
       n = s.marshal(&err);
       keep(n);
     }
-  } else {
+  } else if (op == "unmarshal") {
     n = s.unmarshal(&err);
     for (unsigned long i = 0; i < iterations && !err; ++i) {
       n = s.unmarshal(&err);
+      keep(n);
+    }
+  } else {
+    n = s.create_unmarshal_destroy(&err);
+    for (unsigned long i = 0; i < iterations && !err; ++i) {
+      n = s.create_unmarshal_destroy(&err);
       keep(n);
     }
   }
@@ -152,7 +164,7 @@ int main(int argc, char **argv) {
                  n, bytes);
     return 1;
   }
-  std::printf("%s %s %s bytes %zu codecs %s\n", op.c_str(), c->label,
-              tracking ? "sttr_on" : "sttr_off", bytes, bixbench::codec_path());
+  std::printf("%s %s %s bytes %zu path %s\n", op.c_str(), c->label,
+              tracking ? "sttr_on" : "sttr_off", bytes, walker ? bixbench::codec_path() : "fast");
   return 0;
 }

@@ -3,10 +3,11 @@
 # 2N times; (I(2N) - I(N)) / N leaves exactly N operations, start-up, set-up and first use
 # cancelled out.
 #
-#   bench/instructions.sh [-n N] [--tracking]
-#       the table: memcpy of the encoded bytes, then len, marshal and unmarshal of each
-#       record with the bulk and with the per-element codecs (state tracking off; with
-#       --tracking, on as well)
+#   bench/instructions.sh [-n N] [--tracking] [--per-element]
+#       the table: memcpy of the encoded bytes, then len, marshal, unmarshal and cud (create,
+#       unmarshal, destroy) of each record through the record codec's fast path and through
+#       the walker (its before; with --per-element, the walker with the per-element
+#       primitive codecs as well), state tracking off (with --tracking, on as well)
 #   bench/instructions.sh whole [-n N] [--tracking]
 #       the whole-object operations beside their baselines, for status_info and
 #       envm_sensor_data: clone (clone_cr + destroy) and copy (copy_cr) beside marshal +
@@ -19,7 +20,7 @@
 #       message framing (bench_messages): marshal, unmarshal and receive of whole messages
 #       beside marshal and create + unmarshal + destroy of their body records, and create +
 #       destroy of a message beside that of its body
-#   bench/instructions.sh profile <op> <record> [-n N] [--per-element] [--tracking]
+#   bench/instructions.sh profile <op> <record> [-n N] [--walker] [--per-element] [--tracking]
 #                                 [--lines FILE]...
 #       where one operation's instructions go: per function, instructions and calls per
 #       operation, from the same difference of two runs; --lines src/codec/wire.cc adds
@@ -62,13 +63,16 @@ per_op() {
   awk -v a="$i1" -v b="$i2" -v n="$N" -v bytes="$bytes" 'BEGIN { printf "%.1f %s\n", (b - a) / n, bytes }'
 }
 
-# table_options [-n N] [--tracking]: sets N and TRACKING_MODES (off, or off and on).
+# table_options [-n N] [--tracking] [--per-element]: sets N, TRACKING_MODES (off, or off
+# and on) and PATHS (the codec paths of the first table).
 TRACKING_MODES=(off)
+PATHS=(fast walker)
 table_options() {
   while [ $# -gt 0 ]; do
     case "$1" in
       -n) N=$2; shift 2 ;;
       --tracking) TRACKING_MODES=(off on); shift ;;
+      --per-element) PATHS=(fast walker per-element); shift ;;
       *) echo "instructions.sh: unknown argument $1" >&2; exit 2 ;;
     esac
   done
@@ -82,10 +86,11 @@ table() {
     [ "$t" = on ] && tflag=(--tracking)
     for r in "${RECORDS[@]}"; do
       jobs+=("memcpy $r - $t ${tflag[*]}")
-      for path in bulk per-element; do
+      for path in "${PATHS[@]}"; do
         local pflag=()
-        [ "$path" = per-element ] && pflag=(--per-element)
-        for op in len marshal unmarshal; do
+        [ "$path" = walker ] && pflag=(--walker)
+        [ "$path" = per-element ] && pflag=(--walker --per-element)
+        for op in len marshal unmarshal cud; do
           jobs+=("$op $r $path $t ${pflag[*]} ${tflag[*]}")
         done
       done
@@ -200,7 +205,7 @@ messages_table() {
 }
 
 profile() {
-  [ $# -ge 2 ] || { echo "usage: instructions.sh profile <op> <record> [-n N] [--per-element] [--tracking] [--lines FILE]" >&2; exit 2; }
+  [ $# -ge 2 ] || { echo "usage: instructions.sh profile <op> <record> [-n N] [--walker] [--per-element] [--tracking] [--lines FILE]" >&2; exit 2; }
   local op=$1 rec=$2
   shift 2
   local flags=() lines=()
@@ -208,7 +213,7 @@ profile() {
     case "$1" in
       -n) N=$2; shift 2 ;;
       --lines) lines+=(--lines "$2"); shift 2 ;;
-      --per-element | --tracking) flags+=("$1"); shift ;;
+      --walker | --per-element | --tracking) flags+=("$1"); shift ;;
       *) echo "instructions.sh: unknown argument $1" >&2; exit 2 ;;
     esac
   done

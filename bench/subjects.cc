@@ -100,12 +100,13 @@ void Buffer::assign(const uint8_t *from, size_t n) {
   std::memcpy(p_, from, n);
 }
 
-Subject::Subject(const Case &cs, bool track) : c(cs), tracking(track) {
+Subject::Subject(const Case &cs, bool track, bool walk) : c(cs), tracking(track), walker(walk) {
   h = wex_handle_new();
   if (!h) {
     error = "wex_handle_new failed";
     return;
   }
+  wex_handle_declare_byte_form(h, walker ? 0 : 1);
   profile_.tracking_mode = WEX_STTR_ON;
   h->sttr_profile = tracking ? &profile_ : nullptr;
   src = c.ops.create(h, 0);

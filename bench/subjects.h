@@ -76,15 +76,18 @@ class Buffer {
 
 // A handle, a filled source instance, its encoding and a destination instance that has
 // already decoded it once (so later decodes reuse its storage, as a receive loop would).
+// With `walker`, the handle withholds the runtime's byte form, so every call takes the
+// library's reference walker instead of its fast path: the before of every after.
 class Subject {
  public:
-  Subject(const Case &c, bool tracking);
+  Subject(const Case &c, bool tracking, bool walker = false);
   ~Subject();
   Subject(const Subject &) = delete;
   Subject &operator=(const Subject &) = delete;
 
   const Case &c;
   const bool tracking;
+  const bool walker;
   wex_handle *h = nullptr;
   void *src = nullptr;
   void *dst = nullptr;
@@ -111,6 +114,16 @@ class Subject {
   uint32_t unmarshal(uint32_t *err) {
     *err = 0;
     return c.ops.unmarshal(h, 0, wire.data(), dst, static_cast<int32_t>(wire.size()), 1, err);
+  }
+  // What a receiver does per message: a new instance, the decode, and its destruction.
+  uint32_t create_unmarshal_destroy(uint32_t *err) {
+    *err = 0;
+    void *fresh = c.ops.create(h, 0);
+    const uint32_t n =
+        fresh ? c.ops.unmarshal(h, 0, wire.data(), fresh, static_cast<int32_t>(wire.size()), 0, err)
+              : 0;
+    c.ops.destroy(h, 0, fresh);
+    return n;
   }
 
   // The whole-object operations, each beside its baseline. The clone forms and their
@@ -174,8 +187,8 @@ struct WholeOp {
 const std::vector<WholeOp> &whole_ops();
 const WholeOp *find_whole_op(const std::string &name);
 
-// Which wire codec path the library takes in this process: "bulk" or "per-element".
-// Set before the first library call; the library reads it once.
+// Which primitive codecs the walker uses in this process: "bulk" or "per-element". Set
+// before the first library call; the library reads it once.
 const char *codec_path();
 // Switches this process to per-element codecs; must run before any library call.
 void use_per_element_codecs();
