@@ -25,13 +25,6 @@ using FromXmlFn = void (*)(wex_handle *, uint32_t, const char *, void *, void *,
                            uint32_t);
 using CrTextFn = int32_t (*)(wex_handle *, const void *, char *, uint32_t);
 
-inline std::vector<std::string> records() {
-  std::vector<std::string> out;
-  for (const auto &t : bixfacts::kTypes)
-    if (std::string(t.kind) == "type") out.push_back(t.name);
-  return out;
-}
-
 template <typename T>
 T load_as(const uint8_t *at) {
   T v;

@@ -19,12 +19,6 @@ using acc::type_of;
 using bixfacts::Field;
 using Bytes = std::vector<uint8_t>;
 
-inline std::vector<std::string> records() {
-  std::vector<std::string> out;
-  for (const auto &t : bixfacts::kTypes)
-    if (std::string(t.kind) == "type") out.push_back(t.name);
-  return out;
-}
 inline std::vector<const Field *> fields_of(const std::string &type) {
   std::vector<const Field *> out;
   for (const auto &f : bixfacts::kFields)

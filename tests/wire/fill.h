@@ -3,11 +3,20 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "../runtime/support.h"
 #include "bix_schema_facts.h"
 
 namespace bixtest {
+
+// Every record type, in schema order.
+inline std::vector<std::string> records() {
+  std::vector<std::string> out;
+  for (const auto &t : bixfacts::kTypes)
+    if (std::string(t.kind) == "type") out.push_back(t.name);
+  return out;
+}
 
 inline const bixfacts::Type *facts_type(const std::string &name) {
   for (const auto &t : bixfacts::kTypes)

@@ -1,4 +1,4 @@
-// What the wire tests share: the record operations by name, and the list of records.
+// What the wire tests share: the record operations by name.
 #pragma once
 
 #include <string>
@@ -16,13 +16,5 @@ using MarshalFn = uint32_t (*)(wex_handle *, uint32_t, uint8_t *, const void *, 
 using UnmarshalFn = uint32_t (*)(wex_handle *, uint32_t, const uint8_t *, void *, int32_t, uint32_t,
                                  uint32_t *);
 using Bytes = std::vector<uint8_t>;
-
-// Every record type, in schema order.
-inline std::vector<std::string> records() {
-  std::vector<std::string> out;
-  for (const auto &t : bixfacts::kTypes)
-    if (std::string(t.kind) == "type") out.push_back(t.name);
-  return out;
-}
 
 }  // namespace bixtest
