@@ -6,6 +6,9 @@
 // a handler and costs nothing, a failed allocation is reported, nothing leaks, and an
 // accepted message prints, renders as XML and re-encodes (into a buffer of exactly its
 // len, ending at an unmapped page) to bytes that decode and encode again identically.
+// Every input is received twice, by the record codec's fast path and by its walker (the
+// handle withholding the runtime's byte form), which must agree on the bytes consumed,
+// the error, the refused allocation, the handler's calls and the message decoded.
 //
 // Input: [options][fail][message bytes...]
 //   options  0x01 the receiving handle tracks state
@@ -76,21 +79,49 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   const size_t len = size - 2;
   std::unique_ptr<uint8_t[]> input(new uint8_t[len ? len : 1]);  // reads past it are caught
   std::memcpy(input.get(), data + 2, len);
-  if (opt & 0x02) wexlib_msg_recorder_start(sink);
-  c.fail_at = data[1];
 
-  Delivery d;
-  d.owns = opt & 0x10;
-  void *out = &out;
-  uint32_t err = 0;
-  const uint32_t used = bix_ipc_shim_message_receive(
-      h, 0, reinterpret_cast<uintptr_t>(&d), d.owns ? nullptr : &out, input.get(),
-      static_cast<int32_t>(len), (opt & 0x08) ? handler : nullptr, &err);
-  wexlib_msg_recorder_stop();
-  c.fail_at = 0;
+  // One receive; fast: through the record codec's fast path, else through the walker. The
+  // allocation that fails is the same one counted from the start of either receive.
+  const uint32_t first_alloc = c.allocs;
+  struct Received {
+    uint32_t used = 0, err = 0, refused = 0;
+    int calls = 0;
+    bool operator==(const Received &) const = default;
+  };
+  auto receive = [&](bool fast, Delivery &d, void **out) {
+    Received r;
+    wex_handle_declare_byte_form(h, fast);
+    if (opt & 0x02) wexlib_msg_recorder_start(sink);
+    const uint32_t refused = c.refused;
+    c.fail_at = data[1] > first_alloc ? c.allocs + (data[1] - first_alloc) : 0;
+    r.used = bix_ipc_shim_message_receive(
+        h, 0, reinterpret_cast<uintptr_t>(&d), d.owns ? nullptr : out, input.get(),
+        static_cast<int32_t>(len), (opt & 0x08) ? handler : nullptr, &r.err);
+    wexlib_msg_recorder_stop();
+    c.fail_at = 0;
+    wex_handle_declare_byte_form(h, 1);
+    r.refused = c.refused - refused;
+    r.calls = d.calls;
+    return r;
+  };
+  Delivery d, walker_d;
+  d.owns = walker_d.owns = opt & 0x10;
+  void *out = &out, *walker_out = &walker_out;
+  const Received got = receive(true, d, &out);
+  const bool same = got == receive(false, walker_d, &walker_out);
+  const uint32_t used = got.used, err = got.err;
   const std::string what = "options " + std::to_string(opt);
+  require(same, "the fast path and the walker receive differently", what);
+  if (!d.owns && walker_out != &walker_out && walker_out != nullptr) {
+    // The walker's message holds what the fast path's does.
+    require(out != &out && out != nullptr, "only the walker decoded the message", what);
+    const bixtest::Msg &m = message_of(walker_out);
+    require(reencode(h, m, walker_out) == reencode(h, message_of(out), out),
+            "the fast path and the walker decode different messages", m.name);
+    m.destroy(h, 0, walker_out);
+  }
   require(used <= len, "receive consumed more than it was given", what);
-  require(!c.refused || err, "a refused allocation went unreported", what);
+  require(!got.refused || err, "a refused allocation went unreported", what);
   if (!d.owns) require(out != &out, "the out argument was left unset", what);
   const bool decoded = err == 0 || (err == 38 && !(opt & 0x08));
   if (!decoded) {
