@@ -248,6 +248,31 @@ std::string render(wex_handle *h, std::size_t room, const char *type, const char
   }
 }
 
+// A new instance through Ops::create; what an owner's constructor throws when there is none.
+template <class Ops>
+auto *create_instance(wex_handle *h) {
+  if (!h) fail(WEX_ERR_INVALID, Ops::name, "create");
+  auto *p = Ops::create(h, ws_of(h));
+  if (!p) fail(WEX_ERR_NOMEM, Ops::name, "create");
+  return p;
+}
+
+// Ops::marshal of p into out; the bytes written.
+template <class Ops, class C>
+std::size_t encode_into(wex_handle *h, C *p, span<uint8_t> out) {
+  uint32_t err = 0;
+  const uint32_t n = Ops::marshal(h, ws_of(h), out.data(), p, room_of(out.size()), &err);
+  if (err) fail(err, Ops::name, "marshal");
+  return n;
+}
+// The whole encoding of p, in a vector of Ops::len bytes.
+template <class Ops, class C>
+std::vector<uint8_t> encode_all(wex_handle *h, C *p) {
+  std::vector<uint8_t> out(Ops::len(h, ws_of(h), p));
+  out.resize(encode_into<Ops>(h, p, span<uint8_t>(out)));
+  return out;
+}
+
 template <class C, class Mutable, class Const>
 using pick_t = std::conditional_t<std::is_const_v<C>, Const, Mutable>;
 
@@ -280,17 +305,8 @@ class ref {
   // Bytes the encoding needs.
   std::size_t encoded_size() const { return ops::len(h_, ws(), p_); }
   // Encodes into out (90 when it is too small); the bytes written.
-  std::size_t encode(span<uint8_t> out) const {
-    uint32_t err = 0;
-    const uint32_t n = ops::marshal(h_, ws(), out.data(), p_, room_of(out.size()), &err);
-    if (err) fail(err, ops::name, "marshal");
-    return n;
-  }
-  std::vector<uint8_t> encode() const {
-    std::vector<uint8_t> out(encoded_size());
-    out.resize(encode(span<uint8_t>(out)));
-    return out;
-  }
+  std::size_t encode(span<uint8_t> out) const { return encode_into<ops>(h_, p_, out); }
+  std::vector<uint8_t> encode() const { return encode_all<ops>(h_, p_); }
   // Decodes into this instance, reusing its variable storage where it fits; the bytes read.
   std::size_t decode(span<const uint8_t> in) {
     uint32_t err = 0;
@@ -389,7 +405,7 @@ class owner : public ref<C> {
   using ops = record_ops<C>;
 
  public:
-  explicit owner(wex_handle *h) : ref<C>(h, create(h)) {}
+  explicit owner(wex_handle *h) : ref<C>(h, create_instance<ops>(h)) {}
   explicit owner(const ::bix::handle &h) : owner(h.get()) {}
   owner(const ::bix::handle &&) = delete;
   // Takes over an instance of this type made on h (NULL: an empty owner).
@@ -424,13 +440,6 @@ class owner : public ref<C> {
     return out;
   }
 
- private:
-  static C *create(wex_handle *h) {
-    if (!h) fail(WEX_ERR_INVALID, ops::name, "create");
-    C *p = ops::create(h, ws_of(h));
-    if (!p) fail(WEX_ERR_NOMEM, ops::name, "create");
-    return p;
-  }
 };
 
 // The elements of a record array as references; operator[] refuses an index out of range
@@ -610,7 +619,7 @@ class message {
   using c_type = C;
   using owner_type = typename message_ops<C>::owner;
 
-  explicit message(wex_handle *h) : h_(h), p_(create(h)) {}
+  explicit message(wex_handle *h) : h_(h), p_(create_instance<ops>(h)) {}
   explicit message(const ::bix::handle &h) : message(h.get()) {}
   message(const ::bix::handle &&) = delete;
   // Takes over a message made on h (NULL: an empty owner).
@@ -640,17 +649,8 @@ class message {
   // Encodes into out: 52 when the handle's domain does not admit the message, 90 when out
   // is too small. The C call stamps the total length into the message's header record,
   // bookkeeping rather than content, hence const.
-  std::size_t encode(span<uint8_t> out) const {
-    uint32_t err = 0;
-    const uint32_t n = ops::marshal(h_, ws(), out.data(), p_, room_of(out.size()), &err);
-    if (err) fail(err, ops::name, "marshal");
-    return n;
-  }
-  std::vector<uint8_t> encode() const {
-    std::vector<uint8_t> out(encoded_size());
-    out.resize(encode(span<uint8_t>(out)));
-    return out;
-  }
+  std::size_t encode(span<uint8_t> out) const { return encode_into<ops>(h_, p_, out); }
+  std::vector<uint8_t> encode() const { return encode_all<ops>(h_, p_); }
   // A new message decoded from in (its LUID is not checked: receive() picks the type by
   // it). *consumed, when given, receives the bytes read.
   static owner_type decode(wex_handle *h, span<const uint8_t> in, std::size_t *consumed = nullptr) {
@@ -714,13 +714,6 @@ class message {
   wex_handle *h_;
   C *p_;
 
- private:
-  static C *create(wex_handle *h) {
-    if (!h) fail(WEX_ERR_INVALID, ops::name, "create");
-    C *p = ops::create(h, ws_of(h));
-    if (!p) fail(WEX_ERR_NOMEM, ops::name, "create");
-    return p;
-  }
 };
 
 // Function pointers join an overload set through a class with the same call operator.
