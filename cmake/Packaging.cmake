@@ -11,6 +11,7 @@ install(TARGETS bix_ipc_shim wex lumo superfasthash app_sess EXPORT bix_ipc_shim
   INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 install(FILES
   ${BIX_GENERATED_HEADER}
+  ${BIX_CPP_HEADERS}
   ${PROJECT_SOURCE_DIR}/platform/wex/include/wex.h
   ${PROJECT_SOURCE_DIR}/platform/lumo/include/lumo.h
   ${PROJECT_SOURCE_DIR}/platform/app_sess/include/app_sess.h

@@ -45,7 +45,8 @@ inline void fill(wex_handle *h, const std::string &type, void *inst, uint8_t see
     uint8_t *at = b + f.offset;
     if (kind == "Prim" || kind == "FixedArray") {
       std::string p = f.prim;
-      uint32_t width = p.ends_with("32") ? 4 : p.ends_with("16") ? 2 : 1;
+      const char last = p.back();  // int8 .. u_int32; C++17 suites include this too
+      uint32_t width = last == '2' ? 4 : last == '6' ? 2 : 1;
       uint32_t n = width * (kind == "Prim" ? 1 : f.count);
       for (uint32_t i = 0; i < n; ++i) at[i] = next();
     } else if (kind == "Enum") {

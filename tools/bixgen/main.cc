@@ -5,6 +5,7 @@
 #include <filesystem>
 
 #include "emit.h"
+#include "emit_cpp.h"
 
 int main(int argc, char **argv) {
   using namespace bixgen;
@@ -34,15 +35,18 @@ int main(int argc, char **argv) {
   fs::create_directories(fs::path(out) / "units");
   fs::create_directories(fs::path(out) / "facts");
   fs::create_directories(fs::path(out) / "doc");
-  std::string sections, plans;
+  std::string sections, plans, cpp_header;
   bool ok = emit_sections(s, tables, sections) && emit_plans(s, plans) &&
+            emit_cpp_header(s, cpp_header) &&
             write_if_changed(out + "/bix_plans.h", plans) &&
             write_if_changed(out + "/include/bix_ipc_shim.h", emit_public_header(s)) &&
             write_if_changed(out + "/bix_gen.h", emit_internal_header(s)) &&
             write_if_changed(out + "/bix_tables.cc", emit_tables(s)) &&
             write_if_changed(out + "/bix_sections.cc", sections) &&
             write_if_changed(out + "/facts/bix_schema_facts.h", emit_facts(s)) &&
-            write_if_changed(out + "/doc/reference.md", emit_reference(s));
+            write_if_changed(out + "/doc/reference.md", emit_reference(s)) &&
+            write_if_changed(out + "/include/bix_ipc_shim.hpp", cpp_header) &&
+            write_if_changed(out + "/facts/bix_cpp_facts.h", emit_cpp_facts(s));
   for (auto &t : tables)
     ok = ok && write_if_changed(out + "/trace_" + t.name + ".inc", emit_trace_texts(s, t));
   for (auto &t : s.types) ok = ok && write_if_changed(out + "/units/" + t.name + ".cc", emit_unit(s, t));

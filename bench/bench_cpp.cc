@@ -1,0 +1,169 @@
+// The C++ layer beside the C calls it forwards to, in one run: field set and get, encode and
+// decode of a status answer with QSFP readings, tracking off and on. Each C++ benchmark
+// carries an `x_c` counter, its CPU time over its C twin's; the summary lists them. The layer
+// is inline forwarding, so the aim is x_c within 1.05.
+//
+//   bench_cpp [google benchmark flags]
+#include <benchmark/benchmark.h>
+
+#include <cstdio>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "bix_ipc_shim.hpp"
+
+namespace {
+
+// A filled status answer, its encoding, and a second instance to decode into.
+struct Subject {
+  explicit Subject(bix::tracking mode)
+      : h(mode), src(h), dst(h) {
+    src.set_rc(bix::wex_xcvr_rc::WEX_XCVR_SUCCESS_RC);
+    src.info().set_vendorName("ACME OPTICS");
+    src.info().set_vendorName_len(11);
+    src.set_status_bm(0x11);
+    bix::wex_qsfp_env_mon_ref q = src.emplace_qsfp_sensors();
+    q.set_temp(38 * 256);
+    const uint16_t lanes[4] = {12000, 11800, 12150, 11990};
+    q.set_rx_power_lane(lanes);
+    q.set_tx_bias_lane(lanes);
+    q.set_valid_data(1);
+    wire = src.encode();
+    out.resize(wire.size());
+    dst.decode(wire);
+  }
+  bix::handle h;
+  bix::wex_xcvr_status_info src, dst;
+  std::vector<uint8_t> wire, out;
+};
+
+Subject &subject(bool tracking) {
+  static Subject off(bix::tracking::off), on(bix::tracking::on);
+  return tracking ? on : off;
+}
+
+// Three fields of the answer and of its readings written and read back, as an application
+// filling and checking a reply does.
+void set_get_c(benchmark::State &state, bool tracking) {
+  Subject &s = subject(tracking);
+  wex_handle *h = s.h.get();
+  wex_xcvr_status_info *st = s.src.get();
+  uint32_t err = 0, sum = 0;
+  for (auto _ : state) {
+    wex_xcvr_status_info_status_bm_set_value(h, 0, st, sum & 0xff, &err);
+    wex_qsfp_env_mon *q = wex_xcvr_status_info_qsfp_sensors_get(h, 0, st, &err);
+    wex_qsfp_env_mon_temp_set_value(h, 0, q, static_cast<int16_t>(sum), &err);
+    wex_qsfp_env_mon_rx_power_lane_set_value(h, 0, q, 2, 12150, &err);
+    sum += wex_xcvr_status_info_status_bm_get_value(h, 0, st, &err);
+    sum += static_cast<uint32_t>(wex_qsfp_env_mon_temp_get_value(h, 0, q, &err));
+    sum += wex_qsfp_env_mon_rx_power_lane_get(h, 0, q, 0, &err)[2];
+    if (err) state.SkipWithError("C accessor failed");
+    benchmark::DoNotOptimize(sum);
+  }
+}
+void set_get_cpp(benchmark::State &state, bool tracking) {
+  Subject &s = subject(tracking);
+  bix::wex_xcvr_status_info &st = s.src;
+  uint32_t sum = 0;
+  for (auto _ : state) {
+    st.set_status_bm(sum & 0xff);
+    bix::wex_qsfp_env_mon_ref q = st.qsfp_sensors();
+    q.set_temp(static_cast<int16_t>(sum));
+    q.set_rx_power_lane(2, 12150);
+    sum += st.status_bm();
+    sum += static_cast<uint32_t>(q.temp());
+    sum += q.rx_power_lane()[2];
+    benchmark::DoNotOptimize(sum);
+  }
+}
+
+void encode_c(benchmark::State &state, bool tracking) {
+  Subject &s = subject(tracking);
+  uint32_t err = 0;
+  for (auto _ : state) {
+    uint32_t n = wex_xcvr_status_info_marshal(s.h.get(), 0, s.out.data(), s.src.get(),
+                                              static_cast<int32_t>(s.out.size()), &err);
+    if (err) state.SkipWithError("marshal failed");
+    benchmark::DoNotOptimize(n);
+  }
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * s.wire.size()));
+}
+void encode_cpp(benchmark::State &state, bool tracking) {
+  Subject &s = subject(tracking);
+  bix::span<uint8_t> out(s.out);
+  for (auto _ : state) {
+    std::size_t n = s.src.encode(out);
+    benchmark::DoNotOptimize(n);
+  }
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * s.wire.size()));
+}
+
+// Into an instance that decoded the same bytes before, as a receive loop reuses one.
+void decode_c(benchmark::State &state, bool tracking) {
+  Subject &s = subject(tracking);
+  uint32_t err = 0;
+  for (auto _ : state) {
+    uint32_t n = wex_xcvr_status_info_unmarshal(s.h.get(), 0, s.wire.data(), s.dst.get(),
+                                                static_cast<int32_t>(s.wire.size()), 1, &err);
+    if (err) state.SkipWithError("unmarshal failed");
+    benchmark::DoNotOptimize(n);
+  }
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * s.wire.size()));
+}
+void decode_cpp(benchmark::State &state, bool tracking) {
+  Subject &s = subject(tracking);
+  bix::span<const uint8_t> in(s.wire);
+  for (auto _ : state) {
+    std::size_t n = s.dst.decode(in);
+    benchmark::DoNotOptimize(n);
+  }
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * s.wire.size()));
+}
+
+struct Pair {
+  const char *op;
+  void (*c)(benchmark::State &, bool);
+  void (*cpp)(benchmark::State &, bool);
+};
+const Pair kPairs[] = {{"set_get", set_get_c, set_get_cpp},
+                       {"encode", encode_c, encode_cpp},
+                       {"decode", decode_c, decode_cpp}};
+
+// Prints as usual and keeps each run's CPU time per iteration for the summary.
+class Collector : public benchmark::ConsoleReporter {
+ public:
+  std::map<std::string, double> cpu;  // run name -> ns per iteration
+  void ReportRuns(const std::vector<Run> &runs) override {
+    for (const Run &r : runs)
+      if (r.run_type == Run::RT_Iteration || r.aggregate_name == "median")
+        cpu[r.run_name.str()] = r.GetAdjustedCPUTime();
+    ConsoleReporter::ReportRuns(runs);
+  }
+};
+
+}  // namespace
+
+int main(int argc, char **argv) {
+  for (const Pair &p : kPairs)
+    for (bool tracking : {false, true}) {
+      const std::string tail = tracking ? "/tracking" : "/off";
+      benchmark::RegisterBenchmark((std::string("c/") + p.op + tail).c_str(), p.c, tracking);
+      benchmark::RegisterBenchmark((std::string("cpp/") + p.op + tail).c_str(), p.cpp, tracking);
+    }
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 2;
+  Collector report;
+  benchmark::RunSpecifiedBenchmarks(&report);
+
+  std::printf("\nC++ over C, CPU time (aim: within 1.05)\n");
+  for (const Pair &p : kPairs)
+    for (const char *tail : {"/off", "/tracking"}) {
+      const std::string name = std::string(p.op) + tail;
+      auto c = report.cpu.find("c/" + name), cpp = report.cpu.find("cpp/" + name);
+      if (c == report.cpu.end() || cpp == report.cpu.end() || c->second <= 0) continue;
+      std::printf("  %-18s C %8.1f ns  C++ %8.1f ns  x %.3f\n", name.c_str(), c->second,
+                  cpp->second, cpp->second / c->second);
+    }
+  return 0;
+}
