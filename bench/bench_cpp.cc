@@ -4,9 +4,12 @@
 // is inline forwarding, so the aim is x_c within 1.05.
 //
 //   bench_cpp [google benchmark flags]
+//   bench_cpp c_OP|cpp_OP status_info N [--tracking]   OP = set_get, encode, decode: one
+//       operation N times, for instruction counts (bench/instructions.sh cpp)
 #include <benchmark/benchmark.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <map>
 #include <string>
 #include <vector>
@@ -30,12 +33,13 @@ struct Subject {
     q.set_tx_bias_lane(lanes);
     q.set_valid_data(1);
     wire = src.encode();
-    out.resize(wire.size());
+    out.resize(wire.size() + 64);
     dst.decode(wire);
   }
   bix::handle h;
   bix::wex_xcvr_status_info src, dst;
   std::vector<uint8_t> wire, out;
+  uint32_t sum = 0;  // what set_get reads back, so the reads cannot be left out
 };
 
 Subject &subject(bool tracking) {
@@ -43,88 +47,75 @@ Subject &subject(bool tracking) {
   return tracking ? on : off;
 }
 
+// One operation each, C and C++, on the subject; what they return keeps the work alive and
+// is non-zero when a C call reported an error (the C++ forms throw instead).
+//
 // Three fields of the answer and of its readings written and read back, as an application
 // filling and checking a reply does.
-void set_get_c(benchmark::State &state, bool tracking) {
-  Subject &s = subject(tracking);
+uint32_t set_get_c(Subject &s) {
   wex_handle *h = s.h.get();
   wex_xcvr_status_info *st = s.src.get();
-  uint32_t err = 0, sum = 0;
-  for (auto _ : state) {
-    wex_xcvr_status_info_status_bm_set_value(h, 0, st, sum & 0xff, &err);
-    wex_qsfp_env_mon *q = wex_xcvr_status_info_qsfp_sensors_get(h, 0, st, &err);
-    wex_qsfp_env_mon_temp_set_value(h, 0, q, static_cast<int16_t>(sum), &err);
-    wex_qsfp_env_mon_rx_power_lane_set_value(h, 0, q, 2, 12150, &err);
-    sum += wex_xcvr_status_info_status_bm_get_value(h, 0, st, &err);
-    sum += static_cast<uint32_t>(wex_qsfp_env_mon_temp_get_value(h, 0, q, &err));
-    sum += wex_qsfp_env_mon_rx_power_lane_get(h, 0, q, 0, &err)[2];
-    if (err) state.SkipWithError("C accessor failed");
-    benchmark::DoNotOptimize(sum);
-  }
+  uint32_t err = 0, sum = s.sum;
+  wex_xcvr_status_info_status_bm_set_value(h, 0, st, sum & 0xff, &err);
+  wex_qsfp_env_mon *q = wex_xcvr_status_info_qsfp_sensors_get(h, 0, st, &err);
+  wex_qsfp_env_mon_temp_set_value(h, 0, q, static_cast<int16_t>(sum), &err);
+  wex_qsfp_env_mon_rx_power_lane_set_value(h, 0, q, 2, 12150, &err);
+  sum += wex_xcvr_status_info_status_bm_get_value(h, 0, st, &err);
+  sum += static_cast<uint32_t>(wex_qsfp_env_mon_temp_get_value(h, 0, q, &err));
+  sum += wex_qsfp_env_mon_rx_power_lane_get(h, 0, q, 0, &err)[2];
+  s.sum = sum;
+  return err;
 }
-void set_get_cpp(benchmark::State &state, bool tracking) {
-  Subject &s = subject(tracking);
+uint32_t set_get_cpp(Subject &s) {
   bix::wex_xcvr_status_info &st = s.src;
-  uint32_t sum = 0;
-  for (auto _ : state) {
-    st.set_status_bm(sum & 0xff);
-    bix::wex_qsfp_env_mon_ref q = st.qsfp_sensors();
-    q.set_temp(static_cast<int16_t>(sum));
-    q.set_rx_power_lane(2, 12150);
-    sum += st.status_bm();
-    sum += static_cast<uint32_t>(q.temp());
-    sum += q.rx_power_lane()[2];
-    benchmark::DoNotOptimize(sum);
-  }
+  uint32_t sum = s.sum;
+  st.set_status_bm(sum & 0xff);
+  bix::wex_qsfp_env_mon_ref q = st.qsfp_sensors();
+  q.set_temp(static_cast<int16_t>(sum));
+  q.set_rx_power_lane(2, 12150);
+  sum += st.status_bm();
+  sum += static_cast<uint32_t>(q.temp());
+  sum += q.rx_power_lane()[2];
+  s.sum = sum;
+  return 0;
 }
 
-void encode_c(benchmark::State &state, bool tracking) {
-  Subject &s = subject(tracking);
+uint32_t encode_c(Subject &s) {
   uint32_t err = 0;
-  for (auto _ : state) {
-    uint32_t n = wex_xcvr_status_info_marshal(s.h.get(), 0, s.out.data(), s.src.get(),
-                                              static_cast<int32_t>(s.out.size()), &err);
-    if (err) state.SkipWithError("marshal failed");
-    benchmark::DoNotOptimize(n);
-  }
-  state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * s.wire.size()));
+  wex_xcvr_status_info_marshal(s.h.get(), 0, s.out.data(), s.src.get(),
+                               static_cast<int32_t>(s.out.size()), &err);
+  return err;
 }
-void encode_cpp(benchmark::State &state, bool tracking) {
-  Subject &s = subject(tracking);
-  bix::span<uint8_t> out(s.out);
-  for (auto _ : state) {
-    std::size_t n = s.src.encode(out);
-    benchmark::DoNotOptimize(n);
-  }
-  state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * s.wire.size()));
+uint32_t encode_cpp(Subject &s) {
+  s.src.encode(bix::span<uint8_t>(s.out));
+  return 0;
 }
 
 // Into an instance that decoded the same bytes before, as a receive loop reuses one.
-void decode_c(benchmark::State &state, bool tracking) {
-  Subject &s = subject(tracking);
+uint32_t decode_c(Subject &s) {
   uint32_t err = 0;
-  for (auto _ : state) {
-    uint32_t n = wex_xcvr_status_info_unmarshal(s.h.get(), 0, s.wire.data(), s.dst.get(),
-                                                static_cast<int32_t>(s.wire.size()), 1, &err);
-    if (err) state.SkipWithError("unmarshal failed");
-    benchmark::DoNotOptimize(n);
-  }
-  state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * s.wire.size()));
+  wex_xcvr_status_info_unmarshal(s.h.get(), 0, s.wire.data(), s.dst.get(),
+                                 static_cast<int32_t>(s.wire.size()), 1, &err);
+  return err;
 }
-void decode_cpp(benchmark::State &state, bool tracking) {
+uint32_t decode_cpp(Subject &s) {
+  s.dst.decode(bix::span<const uint8_t>(s.wire));
+  return 0;
+}
+
+using Op = uint32_t (*)(Subject &);
+void timed(benchmark::State &state, Op op, bool tracking, bool bytes) {
   Subject &s = subject(tracking);
-  bix::span<const uint8_t> in(s.wire);
   for (auto _ : state) {
-    std::size_t n = s.dst.decode(in);
-    benchmark::DoNotOptimize(n);
+    if (op(s)) state.SkipWithError("a C call failed");
+    benchmark::DoNotOptimize(s.sum);
   }
-  state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * s.wire.size()));
+  if (bytes) state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * s.wire.size()));
 }
 
 struct Pair {
   const char *op;
-  void (*c)(benchmark::State &, bool);
-  void (*cpp)(benchmark::State &, bool);
+  Op c, cpp;
 };
 const Pair kPairs[] = {{"set_get", set_get_c, set_get_cpp},
                        {"encode", encode_c, encode_cpp},
@@ -144,12 +135,36 @@ class Collector : public benchmark::ConsoleReporter {
 
 }  // namespace
 
+// bench_cpp <c|cpp>_<op> status_info N [--tracking]: the operation N times and nothing
+// else, for instruction counts under callgrind (bench/instructions.sh cpp).
+int count_mode(int argc, char **argv) {
+  const std::string name = argv[1];
+  const bool tracking = argc > 4 && std::string(argv[4]) == "--tracking";
+  const long n = std::atol(argv[3]);
+  for (const Pair &p : kPairs) {
+    const bool c = name == std::string("c_") + p.op, cpp = name == std::string("cpp_") + p.op;
+    if (!c && !cpp) continue;
+    Subject &s = subject(tracking);
+    uint32_t failed = 0;
+    for (long i = 0; i < n; ++i) failed |= (cpp ? p.cpp : p.c)(s);
+    benchmark::DoNotOptimize(s.sum);
+    std::printf("bytes %zu\n", s.wire.size());
+    return failed ? 1 : 0;
+  }
+  std::fprintf(stderr, "bench_cpp: unknown operation %s\n", name.c_str());
+  return 2;
+}
+
 int main(int argc, char **argv) {
+  if (argc >= 4 && argv[1][0] != '-') return count_mode(argc, argv);
   for (const Pair &p : kPairs)
     for (bool tracking : {false, true}) {
       const std::string tail = tracking ? "/tracking" : "/off";
-      benchmark::RegisterBenchmark((std::string("c/") + p.op + tail).c_str(), p.c, tracking);
-      benchmark::RegisterBenchmark((std::string("cpp/") + p.op + tail).c_str(), p.cpp, tracking);
+      const bool bytes = p.op != std::string("set_get");
+      benchmark::RegisterBenchmark((std::string("c/") + p.op + tail).c_str(), timed, p.c, tracking,
+                                   bytes);
+      benchmark::RegisterBenchmark((std::string("cpp/") + p.op + tail).c_str(), timed, p.cpp,
+                                   tracking, bytes);
     }
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 2;

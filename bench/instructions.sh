@@ -20,6 +20,9 @@
 #       message framing (bench_messages): marshal, unmarshal and receive of whole messages
 #       beside marshal and create + unmarshal + destroy of their body records, and create +
 #       destroy of a message beside that of its body
+#   bench/instructions.sh cpp [-n N] [--tracking]
+#       the C++ layer (bench_cpp): field set/get, encode and decode of status_info through
+#       the C++ API beside the same C calls
 #   bench/instructions.sh profile <op> <record> [-n N] [--walker] [--per-element] [--tracking]
 #                                 [--lines FILE]...
 #       where one operation's instructions go: per function, instructions and calls per
@@ -204,6 +207,22 @@ messages_table() {
     x_body "body_marshal body_unmarshal body_create" "${jobs[@]}"
 }
 
+cpp_table() {
+  table_options "$@"
+  BENCH_OPS=${BENCH_CPP:-$(dirname "$BENCH_OPS")/bench_cpp}
+  local jobs=()
+  for t in "${TRACKING_MODES[@]}"; do
+    local tflag=""
+    [ "$t" = on ] && tflag=--tracking
+    for op in set_get encode decode; do
+      jobs+=("c_$op status_info - $t $tflag" "cpp_$op status_info - $t $tflag")
+    done
+  done
+  run_jobs "${jobs[@]}"
+  print_rows "The C++ layer: instructions per operation (callgrind, (I(2N) - I(N)) / N, N = $N)" \
+    x_c "c_set_get c_encode c_decode" "${jobs[@]}"
+}
+
 profile() {
   [ $# -ge 2 ] || { echo "usage: instructions.sh profile <op> <record> [-n N] [--walker] [--per-element] [--tracking] [--lines FILE]" >&2; exit 2; }
   local op=$1 rec=$2
@@ -233,5 +252,6 @@ case "${1:-}" in
   whole) shift; whole_table "$@" ;;
   text) shift; text_table "$@" ;;
   messages) shift; messages_table "$@" ;;
+  cpp) shift; cpp_table "$@" ;;
   *) table "$@" ;;
 esac

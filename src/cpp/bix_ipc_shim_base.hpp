@@ -265,12 +265,27 @@ std::size_t encode_into(wex_handle *h, C *p, span<uint8_t> out) {
   if (err) fail(err, Ops::name, "marshal");
   return n;
 }
-// The whole encoding of p, in a vector of Ops::len bytes.
+// The whole encoding of p. len leaves out what it cannot know beforehand (with state
+// tracking, a union's last state byte, which the encoder drops without an error when room
+// runs short; the ra item of a record flagged 0x20), so the vector starts a little larger
+// and grows while the encoder reports 90. Those 90s are not the caller's: the handle's
+// error word is put back once the encoding fits.
 template <class Ops, class C>
 std::vector<uint8_t> encode_all(wex_handle *h, C *p) {
-  std::vector<uint8_t> out(Ops::len(h, ws_of(h), p));
-  out.resize(encode_into<Ops>(h, p, span<uint8_t>(out)));
-  return out;
+  const uint32_t before = h->error;
+  std::vector<uint8_t> out(Ops::len(h, ws_of(h), p) + 16);
+  for (bool grown = false;; grown = true) {
+    uint32_t err = 0;
+    const uint32_t n = Ops::marshal(h, ws_of(h), out.data(), p, room_of(out.size()), &err);
+    if (!err) {
+      out.resize(n);
+      if (grown) h->error = before;
+      return out;
+    }
+    if (err != WEX_ERR_NOROOM || out.size() > static_cast<std::size_t>(INT32_MAX) / 2)
+      fail(err, Ops::name, "marshal");
+    out.resize(out.size() * 2);
+  }
 }
 
 template <class C, class Mutable, class Const>
@@ -351,12 +366,20 @@ class ref {
   auto write(const char *call, A... args) {
     return checked<Fn>(call, h_, ws(), writable(), args...);
   }
-  // The alternative Get answers when the selector picks it and it is there, else 2.
-  template <auto Get>
-  auto alternative(const char *call, bool selected) const {
+  // The alternative Get answers when the selector (the member Selector) picks position and
+  // the alternative is there, else 2. The selector is read from the instance itself, once
+  // Get has vouched for the instance (an enumeration member holds its user value in .value):
+  // one C call, like a C caller's.
+  template <auto Get, auto Selector>
+  auto alternative(const char *call, uint32_t position) const {
     auto *p = read<Get>(call);
-    if (!selected || !p) fail(WEX_ERR_ABSENT, call);
+    if (!p || (p_->*Selector).value != position) fail(WEX_ERR_ABSENT, call);
     return p;
+  }
+  template <auto Get, auto Selector>
+  bool has_alternative(const char *call, uint32_t position) const {
+    auto *p = read<Get>(call);
+    return p && (p_->*Selector).value == position;
   }
   // Stores o's instance with Set (a union alternative) and takes it out of o once the
   // instance holds it, failure or not; the member Set replaced is destroyed, since the

@@ -286,7 +286,8 @@ TEST(CppRecords, EncodingAndTextFormsAreTheCFunctions) {
     Owner a(h);
     bixtest::fill(h, type, a.get(), 5, 2);
     uint32_t err = 0;
-    std::vector<uint8_t> want(a.encoded_size());
+    // The complete encoding: with tracking, len leaves out a union's last state byte.
+    std::vector<uint8_t> want(a.encoded_size() + 64);
     want.resize(bixtest::op<MarshalFn>(type, "marshal")(h, 0, want.data(), a.get(),
                                                         static_cast<int32_t>(want.size()), &err));
     std::vector<char> text(1 << 17);

@@ -164,13 +164,11 @@ class Writer {
       case FieldKind::UnionAlt: {
         const std::string &m = f.type->name;
         const Field &sel = t.fields[static_cast<size_t>(f.link)];
-        const std::string selected =
-            "static_cast<uint32_t>(this->" + sel.name + "()) == " + std::to_string(f.count) + "u";
         const std::string get = t.name + "_" + n + "_get";
-        const std::string at =
-            "this->template alternative<&::" + get + ">(" + quoted(get) + ", " + selected + ")";
-        line("bool has_" + n + "() const { return " + selected + " && " + read(t, f, "get") +
-             " != nullptr; }");
+        const std::string args = "<&::" + get + ", &" + c_type(t) + "::" + sel.name + ">(" +
+                                 quoted(get) + ", " + std::to_string(f.count) + "u)";
+        const std::string at = "this->template alternative" + args;
+        line("bool has_" + n + "() const { return this->template has_alternative" + args + "; }");
         line(ref(m, false) + " " + n + "() const { return {this->h_, " + at + "}; }");
         line(ref_like(m) + " " + n + "() { return {this->h_, " + at + "}; }");
         line("void set_" + n + "(::bix::" + m + " &&owned) { this->template hand_over<&::" + get +
