@@ -167,6 +167,9 @@ void fatal(const TypeDesc &msg, Te id) {
 }
 
 int ensure_trace_module() {
+  // Every decode and create passes here: once lumo has marked the state word (its documented
+  // LUMO_REG_STATE_REGISTERED), one acquire load here saves the call into lumo.
+  if (__atomic_load_n(&g_trace_reg_state, __ATOMIC_ACQUIRE) == LUMO_REG_STATE_REGISTERED) return 0;
   return lumo_module_init_fn("wex_bix_ipc_shim", &g_wex_bix_ipc_shim_trace_module_id,
                              &g_trace_reg_state);
 }
