@@ -189,38 +189,38 @@ text_table() {
     x_to_xml "to_xml" "${jobs[@]}"
 }
 
-messages_table() {
+# driver_table <driver> <title> <ratio heading> "<baseline ops>" "<records>" "<ops>" [options]:
+# every op on every record with another driver than bench_ops, in each tracking mode.
+driver_table() {
+  local driver=$1 title=$2 heading=$3 baselines=$4 records=$5 ops=$6
+  shift 6
   table_options "$@"
-  BENCH_OPS=${BENCH_MESSAGES:-$(dirname "$BENCH_OPS")/bench_messages}
+  BENCH_OPS=$driver
   local jobs=()
   for t in "${TRACKING_MODES[@]}"; do
     local tflag=""
     [ "$t" = on ] && tflag=--tracking
-    for r in status_info envm_sensor_data; do
-      for op in body_marshal msg_marshal body_unmarshal msg_unmarshal msg_receive body_create msg_create; do
+    for r in $records; do
+      for op in $ops; do
         jobs+=("$op $r - $t $tflag")
       done
     done
   done
   run_jobs "${jobs[@]}"
-  print_rows "Message framing: instructions per operation (callgrind, (I(2N) - I(N)) / N, N = $N)" \
-    x_body "body_marshal body_unmarshal body_create" "${jobs[@]}"
+  print_rows "$title: instructions per operation (callgrind, (I(2N) - I(N)) / N, N = $N)" \
+    "$heading" "$baselines" "${jobs[@]}"
+}
+
+messages_table() {
+  driver_table "${BENCH_MESSAGES:-$(dirname "$BENCH_OPS")/bench_messages}" "Message framing" x_body \
+    "body_marshal body_unmarshal body_create" "status_info envm_sensor_data" \
+    "body_marshal msg_marshal body_unmarshal msg_unmarshal msg_receive body_create msg_create" "$@"
 }
 
 cpp_table() {
-  table_options "$@"
-  BENCH_OPS=${BENCH_CPP:-$(dirname "$BENCH_OPS")/bench_cpp}
-  local jobs=()
-  for t in "${TRACKING_MODES[@]}"; do
-    local tflag=""
-    [ "$t" = on ] && tflag=--tracking
-    for op in set_get encode decode; do
-      jobs+=("c_$op status_info - $t $tflag" "cpp_$op status_info - $t $tflag")
-    done
-  done
-  run_jobs "${jobs[@]}"
-  print_rows "The C++ layer: instructions per operation (callgrind, (I(2N) - I(N)) / N, N = $N)" \
-    x_c "c_set_get c_encode c_decode" "${jobs[@]}"
+  driver_table "${BENCH_CPP:-$(dirname "$BENCH_OPS")/bench_cpp}" "The C++ layer" x_c \
+    "c_set_get c_encode c_decode" status_info \
+    "c_set_get cpp_set_get c_encode cpp_encode c_decode cpp_decode" "$@"
 }
 
 profile() {
