@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "bench_args.h"
 #include "bix_ipc_shim.hpp"
 
 namespace {
@@ -121,18 +122,6 @@ const Pair kPairs[] = {{"set_get", set_get_c, set_get_cpp},
                        {"encode", encode_c, encode_cpp},
                        {"decode", decode_c, decode_cpp}};
 
-// Prints as usual and keeps each run's CPU time per iteration for the summary.
-class Collector : public benchmark::ConsoleReporter {
- public:
-  std::map<std::string, double> cpu;  // run name -> ns per iteration
-  void ReportRuns(const std::vector<Run> &runs) override {
-    for (const Run &r : runs)
-      if (r.run_type == Run::RT_Iteration || r.aggregate_name == "median")
-        cpu[r.run_name.str()] = r.GetAdjustedCPUTime();
-    ConsoleReporter::ReportRuns(runs);
-  }
-};
-
 }  // namespace
 
 // bench_cpp <c|cpp>_<op> status_info N [--tracking]: the operation N times and nothing
@@ -166,17 +155,18 @@ int main(int argc, char **argv) {
       benchmark::RegisterBenchmark((std::string("cpp/") + p.op + tail).c_str(), timed, p.cpp,
                                    tracking, bytes);
     }
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 2;
-  Collector report;
+  bool tracking = false;  // both modes are always measured
+  if (!bixbench::init_benchmark(argc, argv, &tracking)) return 2;
+  bixbench::TimesReporter report;
   benchmark::RunSpecifiedBenchmarks(&report);
+  const auto &ns = report.times();
 
   std::printf("\nC++ over C, CPU time (aim: within 1.05)\n");
   for (const Pair &p : kPairs)
     for (const char *tail : {"/off", "/tracking"}) {
       const std::string name = std::string(p.op) + tail;
-      auto c = report.cpu.find("c/" + name), cpp = report.cpu.find("cpp/" + name);
-      if (c == report.cpu.end() || cpp == report.cpu.end() || c->second <= 0) continue;
+      auto c = ns.find("c/" + name), cpp = ns.find("cpp/" + name);
+      if (c == ns.end() || cpp == ns.end() || c->second <= 0) continue;
       std::printf("  %-18s C %8.1f ns  C++ %8.1f ns  x %.3f\n", name.c_str(), c->second,
                   cpp->second, cpp->second / c->second);
     }

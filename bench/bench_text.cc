@@ -94,22 +94,9 @@ std::string target(const Subject &s, const std::string &form, double ns, double 
   return text;
 }
 
-// The console reporter, keeping each run's time (ns) for the summary: CPU time, steadier on
-// a shared machine, but wall time for from_xml, which is timed by hand.
-class Reporter : public benchmark::ConsoleReporter {
+// The summary over to_xml; from_xml is timed by hand, in wall time.
+class Reporter : public bixbench::TimesReporter {
  public:
-  explicit Reporter(OutputOptions opts) : ConsoleReporter(opts) {}
-  void ReportRuns(const std::vector<Run> &runs) override {
-    for (const Run &r : runs) {
-      if (r.error_occurred ||
-          !(r.repetitions > 1 ? r.aggregate_name == "median" : r.aggregate_name.empty()))
-        continue;
-      const std::string &name = r.run_name.function_name;
-      const bool manual = name.find("/from_xml") != std::string::npos;
-      ns_[name] = manual ? r.GetAdjustedRealTime() : r.GetAdjustedCPUTime();  // all in ns
-    }
-    ConsoleReporter::ReportRuns(runs);
-  }
   void Summary(const std::vector<std::unique_ptr<Subject>> &subjects) const {
     std::printf("\nText and XML forms: time per operation (ns), per XML element, over to_xml.\n");
     std::printf("%-17s %-8s %6s %5s  %-9s %9s %7s %8s  %s\n", "record", "tracking", "bytes",
@@ -128,8 +115,11 @@ class Reporter : public benchmark::ConsoleReporter {
     }
   }
 
- private:
-  std::map<std::string, double> ns_;
+
+ protected:
+  bool wall_time(const std::string &name) const override {
+    return name.find("/from_xml") != std::string::npos;
+  }
 };
 
 }  // namespace
@@ -137,24 +127,16 @@ class Reporter : public benchmark::ConsoleReporter {
 int main(int argc, char **argv) {
   bool tracking = false;
   if (!bixbench::init_benchmark(argc, argv, &tracking)) return 2;
+  std::vector<const bixbench::Case *> cases;
+  for (const bixbench::Case &c : bixbench::cases()) cases.push_back(&c);
   std::vector<std::unique_ptr<Subject>> subjects;
-  for (bool track : {false, true}) {
-    if (track && !tracking) continue;
-    for (const bixbench::Case &c : bixbench::cases()) {
-      auto s = std::make_unique<Subject>(c, track);
-      if (!s->error.empty()) {
-        std::fprintf(stderr, "bench_text: %s\n", s->error.c_str());
-        return 1;
-      }
-      for (const auto &[form, fn] : kForms) {
-        auto *b = benchmark::RegisterBenchmark(name_of(*s, form).c_str(), bm_form, s.get(), fn);
-        if (fn == from_xml) b->UseManualTime();
-      }
-      subjects.push_back(std::move(s));
+  if (!bixbench::make_subjects("bench_text", cases, tracking, subjects)) return 1;
+  for (const auto &s : subjects)
+    for (const auto &[form, fn] : kForms) {
+      auto *b = benchmark::RegisterBenchmark(name_of(*s, form).c_str(), bm_form, s.get(), fn);
+      if (fn == from_xml) b->UseManualTime();
     }
-  }
-  Reporter reporter(isatty(STDOUT_FILENO) ? benchmark::ConsoleReporter::OO_ColorTabular
-                                          : benchmark::ConsoleReporter::OO_Tabular);
+  Reporter reporter;
   benchmark::RunSpecifiedBenchmarks(&reporter);
   reporter.Summary(subjects);
   benchmark::Shutdown();

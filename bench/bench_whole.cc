@@ -40,17 +40,9 @@ void bm_whole(benchmark::State &state, Subject *s, const WholeOp *op) {
   if (op->zero && r) state.SkipWithError(("answered " + std::to_string(r)).c_str());
 }
 
-// The console reporter, keeping each run's CPU time (ns) for the summary.
-class Reporter : public benchmark::ConsoleReporter {
+// The summary: each operation over its baseline.
+class Reporter : public bixbench::TimesReporter {
  public:
-  explicit Reporter(OutputOptions opts) : ConsoleReporter(opts) {}
-  void ReportRuns(const std::vector<Run> &runs) override {
-    for (const Run &r : runs)
-      if (!r.error_occurred &&
-          (r.repetitions > 1 ? r.aggregate_name == "median" : r.aggregate_name.empty()))
-        ns_[r.run_name.function_name] = r.GetAdjustedCPUTime();  // every run is in ns
-    ConsoleReporter::ReportRuns(runs);
-  }
   void Summary(const std::vector<std::unique_ptr<Subject>> &subjects) const {
     std::printf("\nWhole-object operations: CPU time per operation (ns) over the baseline's.\n");
     std::printf("%-17s %-8s %-8s %10s  %-17s %10s %7s\n", "record", "tracking", "op", "ns/op",
@@ -69,9 +61,6 @@ class Reporter : public benchmark::ConsoleReporter {
   static std::string name_of(const Subject &s, const std::string &op) {
     return std::string(s.c.label) + (s.tracking ? "/sttr_on/" : "/sttr_off/") + op;
   }
-
- private:
-  std::map<std::string, double> ns_;
 };
 
 }  // namespace
@@ -81,22 +70,16 @@ int main(int argc, char **argv) {
   if (!bixbench::init_benchmark(argc, argv, &tracking)) return 2;
 
   std::vector<std::unique_ptr<Subject>> subjects;
-  for (bool track : {false, true}) {
-    if (track && !tracking) continue;
-    for (const char *label : {"status_info", "envm_sensor_data"}) {
-      auto s = std::make_unique<Subject>(*bixbench::find_case(label), track);
-      if (!s->error.empty()) {
-        std::fprintf(stderr, "bench_whole: %s\n", s->error.c_str());
-        return 1;
-      }
-      for (const WholeOp &op : bixbench::whole_ops())
-        benchmark::RegisterBenchmark(Reporter::name_of(*s, op.name).c_str(), bm_whole, s.get(), &op)
-            ->Unit(benchmark::kNanosecond);
-      subjects.push_back(std::move(s));
-    }
-  }
-  Reporter reporter(isatty(STDOUT_FILENO) ? benchmark::ConsoleReporter::OO_ColorTabular
-                                          : benchmark::ConsoleReporter::OO_Tabular);
+  if (!bixbench::make_subjects("bench_whole",
+                               {bixbench::find_case("status_info"),
+                                bixbench::find_case("envm_sensor_data")},
+                               tracking, subjects))
+    return 1;
+  for (const auto &s : subjects)
+    for (const WholeOp &op : bixbench::whole_ops())
+      benchmark::RegisterBenchmark(Reporter::name_of(*s, op.name).c_str(), bm_whole, s.get(), &op)
+          ->Unit(benchmark::kNanosecond);
+  Reporter reporter;
   benchmark::RunSpecifiedBenchmarks(&reporter);
   reporter.Summary(subjects);
   benchmark::Shutdown();
