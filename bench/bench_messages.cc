@@ -27,6 +27,7 @@
 namespace {
 
 using bixtest::Msg;
+using namespace bixfns;
 
 struct Case {
   const char *label;
@@ -118,13 +119,6 @@ class Subject {
   std::string error;
 
  private:
-  using LenFn = uint32_t (*)(wex_handle *, uint32_t, const void *);
-  using MarshalFn = uint32_t (*)(wex_handle *, uint32_t, uint8_t *, const void *, int32_t,
-                                 uint32_t *);
-  using UnmarshalFn = uint32_t (*)(wex_handle *, uint32_t, const uint8_t *, void *, int32_t,
-                                   uint32_t, uint32_t *);
-  using CreateFn = void *(*)(wex_handle *, uint32_t);
-  using DestroyFn = void (*)(wex_handle *, uint32_t, void *);
   std::string body_type;
   LenFn body_len;
   MarshalFn body_marshal_fn;

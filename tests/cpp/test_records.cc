@@ -277,10 +277,6 @@ TEST(CppRecords, OwnersMoveAndCloneAndNeverLeak) {
 TEST(CppRecords, EncodingAndTextFormsAreTheCFunctions) {
   using MarshalFn =
       uint32_t (*)(wex_handle *, uint32_t, uint8_t *, const void *, int32_t, uint32_t *);
-  using PrintFn = int32_t (*)(wex_handle *, uint32_t, char *, uint32_t, const char *, const void *,
-                              uint32_t, uint32_t *);
-  using ToXmlFn = int32_t (*)(wex_handle *, uint32_t, const char *, char *, const void *, uint32_t,
-                              uint8_t, uint32_t *);
   for_each_record_in_each_mode([](auto tag, const char *type, auto, Handle &h) {
     using Owner = typename decltype(tag)::type;
     Owner a(h);
@@ -291,10 +287,10 @@ TEST(CppRecords, EncodingAndTextFormsAreTheCFunctions) {
     want.resize(bixtest::op<MarshalFn>(type, "marshal")(h, 0, want.data(), a.get(),
                                                         static_cast<int32_t>(want.size()), &err));
     std::vector<char> text(1 << 17);
-    const int32_t n = bixtest::op<PrintFn>(type, "print")(h, 0, text.data(), 0, type, a.get(),
+    const int32_t n = bixtest::op<bixtest::PrintFn>(type, "print")(h, 0, text.data(), 0, type, a.get(),
                                                           static_cast<uint32_t>(text.size()), &err);
     std::vector<char> xml(1 << 17);
-    const int32_t m = bixtest::op<ToXmlFn>(type, "to_xml")(
+    const int32_t m = bixtest::op<bixtest::ToXmlFn>(type, "to_xml")(
         h, 0, type, xml.data(), a.get(), static_cast<uint32_t>(xml.size()), 0, &err);
     ASSERT_EQ(err, 0u);
 

@@ -13,8 +13,11 @@
 
 #include "bix_ipc_shim.h"
 #include "lumo.h"
+#include "record_fns.h"
 
 namespace bixtest {
+
+using namespace bixfns;
 
 struct Write {
   const uint8_t *addr;

@@ -8,9 +8,7 @@ using namespace bixtest;
 
 namespace {
 
-using CreateFn = void *(*)(wex_handle *, uint32_t);
 using CreateCrFn = void *(*)(wex_handle *);
-using DestroyFn = void (*)(wex_handle *, uint32_t, void *);
 using DestroyCrFn = void (*)(wex_handle *, void *);
 using SizeofFn = uint32_t (*)(wex_handle *);
 
@@ -200,9 +198,6 @@ TEST(Initialize, AStateBaseGivenAtTopLevelIsWhereEveryStateByteGoes) {
   Handle tx(WEX_STTR_ON), h(WEX_STTR_ON);
   using InitFn = void (*)(wex_handle *, uint32_t, void *, wex_type_info *, uint32_t, uint32_t, uint8_t,
                           void *, uint32_t *);
-  using MarshalFn = uint32_t (*)(wex_handle *, uint32_t, uint8_t *, const void *, int32_t, uint32_t *);
-  using UnmarshalFn = uint32_t (*)(wex_handle *, uint32_t, const uint8_t *, void *, int32_t, uint32_t,
-                                   uint32_t *);
   using DestroyInternalFn = void (*)(wex_handle *, uint32_t, void *, uint32_t);
   for (const auto &t : bixfacts::kTypes) {
     if (std::string(t.kind) != "type") continue;

@@ -13,16 +13,6 @@
 
 namespace bixtest {
 
-using CreateFn = void *(*)(wex_handle *, uint32_t);
-using DestroyFn = void (*)(wex_handle *, uint32_t, void *);
-using MarshalFn = uint32_t (*)(wex_handle *, uint32_t, uint8_t *, const void *, int32_t,
-                               uint32_t *);
-using PrintFn = int32_t (*)(wex_handle *, uint32_t, char *, uint32_t, const char *, const void *,
-                            uint32_t, uint32_t *);
-using ToXmlFn = int32_t (*)(wex_handle *, uint32_t, const char *, char *, const void *, uint32_t,
-                            uint8_t, uint32_t *);
-using FromXmlFn = void (*)(wex_handle *, uint32_t, const char *, void *, void *, uint32_t *, char *,
-                           uint32_t);
 using CrTextFn = int32_t (*)(wex_handle *, const void *, char *, uint32_t);
 
 template <typename T>

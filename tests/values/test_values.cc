@@ -11,12 +11,6 @@ using namespace bixtest;
 namespace {
 
 // Every enumeration and flag set, with the signatures their operations share.
-using MarshalFn = uint32_t (*)(wex_handle *, uint32_t, uint8_t *, const void *, int32_t, uint32_t *);
-using UnmarshalFn = uint32_t (*)(wex_handle *, uint32_t, const uint8_t *, void *, int32_t, uint32_t,
-                                 uint32_t *);
-using CreateFn = void *(*)(wex_handle *, uint32_t);
-using DestroyFn = void (*)(wex_handle *, uint32_t, void *);
-using LenFn = uint32_t (*)(wex_handle *, uint32_t, const void *);
 
 struct Leaf {
   std::string name;
@@ -321,8 +315,6 @@ TEST(LeafValues, CompareAndHashOfEnumerations) {
 std::string print(wex_handle *h, const std::string &type, uint32_t indent, const char *name, void *inst) {
   char buf[512] = {};
   uint32_t err = 0;
-  using PrintFn = int32_t (*)(wex_handle *, uint32_t, char *, uint32_t, const char *, const void *,
-                              uint32_t, uint32_t *);
   int32_t n = op<PrintFn>(type, "print")(h, 0, buf, indent, name, inst, sizeof buf, &err);
   EXPECT_EQ(static_cast<size_t>(n), std::strlen(buf));
   return buf;
@@ -482,8 +474,6 @@ TEST(LeafGuard, EveryOperationWithASlotDoesNothingWhenOneIsPending) {
     char text[64] = "";
     uint8_t wire[16] = {0, 0, 0, 0, 1, 1, 1};
     Doc d("<x/>");
-    using PrintFn = int32_t (*)(wex_handle *, uint32_t, char *, uint32_t, const char *, const void *,
-                                uint32_t, uint32_t *);
     using XmlFn = int32_t (*)(wex_handle *, uint32_t, const char *, char *, const void *, uint32_t,
                               uint8_t, uint32_t *);
     using FromFn = void (*)(wex_handle *, uint32_t, const char *, void *, void *, uint32_t *, char *,

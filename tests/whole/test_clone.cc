@@ -11,13 +11,8 @@ namespace {
 
 using CloneFn = void (*)(wex_handle *, uint32_t, const void *, void **, uint8_t *, uint32_t,
                          uint32_t *);
-using CloneCrFn = void *(*)(wex_handle *, const void *);
-using CopyCrFn = void (*)(wex_handle *, const void *, void *);
 using PairFn = void (*)(wex_handle *, uint32_t, void *, void *, uint32_t *);
 using InstFn = void (*)(wex_handle *, uint32_t, void *, uint32_t *);
-using LenFn = uint32_t (*)(wex_handle *, uint32_t, const void *);
-using MarshalFn = uint32_t (*)(wex_handle *, uint32_t, uint8_t *, const void *, int32_t,
-                               uint32_t *);
 
 Bytes encode(wex_handle *h, const std::string &type, const void *inst) {
   Bytes buf(op<LenFn>(type, "len")(h, 0, inst) + 16);

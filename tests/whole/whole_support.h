@@ -133,8 +133,6 @@ inline void set_all(wex_handle *h, const std::string &type, void *inst,
       std::make_index_sequence<16>{});
 }
 
-using CompareFn = int32_t (*)(const void *, const void *);
-using HashFn = uint32_t (*)(const void *, uint32_t);
 inline int32_t compare(const std::string &t, const void *a, const void *b) {
   return op<CompareFn>(t, "compare")(a, b);
 }

@@ -76,7 +76,6 @@ inline void fill(wex_handle *h, const std::string &type, void *inst, uint8_t see
         std::memcpy(area + f.sttr_ptr, &states, sizeof states);
       }
     } else if (kind == "UnionAlt" && f.count == alt) {
-      using CreateFn = void *(*)(wex_handle *, uint32_t);
       void *a = op<CreateFn>(f.member, "create")(h, 0);
       fill(h, f.member, a, next(), alt, var_len);
       std::memcpy(at, &a, sizeof a);
