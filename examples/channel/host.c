@@ -35,8 +35,9 @@ struct host {
 
 static char g_text[1 << 18];
 
-/* The text form of an answer: on stdout, and into received.txt. */
-#define SHOW(host, NAME, msg, summary)                                           \
+/* The text form of an answer: on stdout, and into received.txt; then the answer, which the
+ * handler owns, is destroyed. */
+#define SHOW_AND_DESTROY(host, NAME, msg, summary)                               \
   do {                                                                           \
     uint32_t e_ = 0;                                                             \
     int32_t n_ = NAME##_message_print(h, ws, g_text, (msg), sizeof g_text, &e_); \
@@ -48,6 +49,7 @@ static char g_text[1 << 18];
       fwrite(g_text, 1, (size_t)n_, stdout);                                     \
       fwrite(g_text, 1, (size_t)n_, (host)->text);                               \
     }                                                                            \
+    NAME##_message_destroy(h, ws, (msg));                                        \
   } while (0)
 
 static const char *kModuleNames[] = {"none", "SFP",  "XFP",  "MSA",
@@ -74,8 +76,7 @@ void bix_ipc_shim_ipc_shim_xcvr_presence_info_message_handler(wex_handle *h, uin
            wex_xcvr_presence_info_is_present_get_value(h, ws, m->wex_xcvr_presence_info, err)
                ? "present"
                : "absent");
-  SHOW(host, ipc_shim_xcvr_presence_info, m, summary);
-  ipc_shim_xcvr_presence_info_message_destroy(h, ws, m);
+  SHOW_AND_DESTROY(host, ipc_shim_xcvr_presence_info, m, summary);
 }
 
 void bix_ipc_shim_ipc_shim_xcvr_status_info_message_handler(wex_handle *h, uint32_t ws,
@@ -96,8 +97,7 @@ void bix_ipc_shim_ipc_shim_xcvr_status_info_message_handler(wex_handle *h, uint3
   else
     snprintf(summary, sizeof summary, "%s module from %s, %.1f degC", module_name(type), vendor,
              temp / 256.0);
-  SHOW(host, ipc_shim_xcvr_status_info, m, summary);
-  ipc_shim_xcvr_status_info_message_destroy(h, ws, m);
+  SHOW_AND_DESTROY(host, ipc_shim_xcvr_status_info, m, summary);
 }
 
 void bix_ipc_shim_ipc_shim_xcvr_idprom_info_message_handler(wex_handle *h, uint32_t ws,
@@ -111,8 +111,7 @@ void bix_ipc_shim_ipc_shim_xcvr_idprom_info_message_handler(wex_handle *h, uint3
   const uint32_t type = wex_xcvr_idprom_info_xcvr_type_get_value(h, ws, ip, err);
   snprintf(summary, sizeof summary, "%s IDPROM%s%s", module_name(type),
            *sn ? ", serial number " : "", sn);
-  SHOW(host, ipc_shim_xcvr_idprom_info, m, summary);
-  ipc_shim_xcvr_idprom_info_message_destroy(h, ws, m);
+  SHOW_AND_DESTROY(host, ipc_shim_xcvr_idprom_info, m, summary);
 }
 
 void bix_ipc_shim_ipc_shim_envm_sensor_data_message_handler(wex_handle *h, uint32_t ws,
@@ -127,8 +126,7 @@ void bix_ipc_shim_ipc_shim_envm_sensor_data_message_handler(wex_handle *h, uint3
            wex_bix_env_sensor_table_num_temp_sensors_get_value(h, ws, t, err),
            wex_bix_env_sensor_table_num_volt_sensors_get_value(h, ws, t, err),
            wex_bix_env_sensor_table_num_power_sensors_get_value(h, ws, t, err));
-  SHOW(host, ipc_shim_envm_sensor_data, m, summary);
-  ipc_shim_envm_sensor_data_message_destroy(h, ws, m);
+  SHOW_AND_DESTROY(host, ipc_shim_envm_sensor_data, m, summary);
 }
 
 void bix_ipc_shim_ipc_shim_mgmt_rpc_reply_message_handler(wex_handle *h, uint32_t ws,
@@ -142,8 +140,7 @@ void bix_ipc_shim_ipc_shim_mgmt_rpc_reply_message_handler(wex_handle *h, uint32_
   text_of(c->bixFwVersion, sizeof c->bixFwVersion, fw);
   snprintf(summary, sizeof summary, "%u ports, firmware %s",
            wex_bix_plugin_card_info_bixNumPorts_get_value(h, ws, c, err), fw);
-  SHOW(host, ipc_shim_mgmt_rpc_reply, m, summary);
-  ipc_shim_mgmt_rpc_reply_message_destroy(h, ws, m);
+  SHOW_AND_DESTROY(host, ipc_shim_mgmt_rpc_reply, m, summary);
 }
 
 /* Waits for one answer and has the library decode and dispatch it. */
